@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+// Text helpers that follow the host language's rules for strings. Strings are UTF-8; each byte
+// that is not part of a valid UTF-8 sequence stands for the lone surrogate U+DC00+byte.
+namespace orvo_core::text {
+
+/// Appends the host's quoted form of a string: single quotes (double quotes when the text has a
+/// single quote and no double quote), backslash escapes for the quote, backslash, \n, \r, \t
+/// and for every code point that is not printable under Unicode 14.0.
+void append_quoted(std::string& out, std::string_view s);
+
+/// The quoted form of a string.
+[[nodiscard]] std::string quoted(std::string_view s);
+
+/// Appends a JSON string literal in pure ASCII, as the host's JSON serializer writes it with its
+/// defaults: `"` and `\` escaped, \b \f \n \r \t as two-character escapes, everything outside
+/// blank..tilde as `\u` with four lowercase hex digits (surrogate pairs beyond the BMP).
+void append_json_string(std::string& out, std::string_view s);
+
+/// Appends the host's shortest round-trip form of a floating-point number ("0.5", "1.0",
+/// "1e-05", "1e+16", "inf", "-inf", "nan", "-0.0").
+void append_float(std::string& out, double d);
+
+/// Whether the string is empty once white space (as the host classes it) is stripped from both
+/// ends.
+[[nodiscard]] bool is_blank(std::string_view s) noexcept;
+
+/// The number of code points, counting each invalid byte as one.
+[[nodiscard]] std::size_t code_point_count(std::string_view s) noexcept;
+
+/// Whether a code point is printable under Unicode 14.0 (the host's `str.isprintable`).
+[[nodiscard]] bool is_printable(char32_t cp) noexcept;
+
+/// Whether a code point is white space (the host's `str.isspace`).
+[[nodiscard]] bool is_space(char32_t cp) noexcept;
+
+/// Decodes the code point that starts at `pos` and advances `pos` past it. A byte that does not
+/// start a valid sequence decodes to U+DC00+byte and advances by one.
+[[nodiscard]] char32_t decode(std::string_view s, std::size_t& pos) noexcept;
+
+}  // namespace orvo_core::text

@@ -1,0 +1,186 @@
+#include "orvo_generation/reference_formatter/reference_formatter.hpp"
+
+#include <utility>
+
+#include "orvo_core/constants.hpp"
+#include "orvo_core/errors.hpp"
+#include "orvo_core/text.hpp"
+
+namespace orvo_generation::reference_formatter {
+
+using orvo_core::Any;
+using orvo_core::Chunk;
+using orvo_core::EventEmitter;
+using orvo_core::List;
+using orvo_core::Map;
+
+namespace {
+
+constexpr const char* kResponseError =
+    "The input kwargs for reference formatter must include a non-empty `response` key of type "
+    "`str`.";
+constexpr const char* kChunksError =
+    "The input kwargs for reference formatter must include a `chunks` key of type `list[Chunk]`.";
+
+Any make_default_metadata_map() {
+  Map map;
+  map.emplace("title", "file_name");
+  map.emplace("url", "file_url");
+  return map;
+}
+
+// The metadata value under a key read from the metadata map: absent for an absent key, as the
+// host's dict.get does for a key that no metadata entry can have.
+Any lookup(const Map& metadata, const Any& key) {
+  if (key.is_string()) return orvo_core::get(metadata, key.as_string());
+  if (key.is_list() || key.is_map()) {
+    throw orvo_core::TypeError("unhashable type: '" + key.type_name() + "'");
+  }
+  return {};
+}
+
+}  // namespace
+
+const Any DEFAULT_FORMAT_CHUNK_METADATA_MAP = make_default_metadata_map();
+
+std::string format_references_as_string(const List& formatted_chunks) {
+  if (formatted_chunks.empty()) return {};
+  std::string out = "References:";
+  for (std::size_t i = 0; i < formatted_chunks.size(); ++i) {
+    out.push_back('\n');
+    out += std::to_string(i + 1);
+    out += ". ";
+    formatted_chunks[i].append_str(out);
+  }
+  return out;
+}
+
+FormatChunkFunc format_chunk_as_string(Any metadata_map) {
+  return [metadata_map = std::move(metadata_map)](const Chunk& chunk) -> Any {
+    const Map& keys = metadata_map.as_map();
+    const Any title_key = orvo_core::get(keys, "title");
+    const Any url_key = orvo_core::get(keys, "url");
+    Any title = lookup(chunk.metadata, title_key);
+    const Any url = lookup(chunk.metadata, url_key);
+    if (!url.truthy()) return title;
+    std::string entry = "[";
+    title.append_str(entry);
+    entry += "](";
+    url.append_str(entry);
+    entry.push_back(')');
+    return entry;
+  };
+}
+
+std::string reference_payload(std::string_view data_value) {
+  std::string out = R"({"data_type": "reference", "data_value": )";
+  orvo_core::text::append_json_string(out, data_value);
+  out.push_back('}');
+  return out;
+}
+
+BaseReferenceFormatter::BaseReferenceFormatter(bool stringify,
+                                               FormatReferencesFunc format_references_func,
+                                               FormatChunkFunc format_chunk_func,
+                                               Any format_chunk_metadata_map, bool streamable)
+    : stringify(stringify),
+      format_references_func(format_references_func ? std::move(format_references_func)
+                                                    : FormatReferencesFunc(
+                                                          format_references_as_string)),
+      format_chunk_func(format_chunk_func
+                            ? std::move(format_chunk_func)
+                            : format_chunk_as_string(format_chunk_metadata_map.truthy()
+                                                         ? std::move(format_chunk_metadata_map)
+                                                         : DEFAULT_FORMAT_CHUNK_METADATA_MAP)),
+      streamable(streamable) {}
+
+orvo_core::Awaitable<Any> BaseReferenceFormatter::_run(orvo_core::Kwargs kwargs) {
+  const Any* response = orvo_core::find(kwargs, "response");
+  if (response == nullptr || !response->is_string() ||
+      orvo_core::text::is_blank(response->as_string())) {
+    throw orvo_core::ValueError(kResponseError);
+  }
+  const Any* chunks_value = orvo_core::find(kwargs, "chunks");
+  if (chunks_value == nullptr || !chunks_value->is_list()) {
+    throw orvo_core::ValueError(kChunksError);
+  }
+  Chunks chunks;
+  chunks.reserve(chunks_value->as_list().size());
+  for (const Any& element : chunks_value->as_list()) {
+    auto chunk = element.as<Chunk>();
+    if (!chunk) throw orvo_core::ValueError(kChunksError);
+    chunks.push_back(std::move(chunk));
+  }
+  std::shared_ptr<EventEmitter> event_emitter;
+  if (streamable) {
+    const Any emitter_value = orvo_core::get(kwargs, "event_emitter");
+    event_emitter = emitter_value.as<EventEmitter>();
+    // A C++ call needs a real emitter; anything else that counts as given is a caller error.
+    if (!event_emitter && emitter_value.truthy()) {
+      throw orvo_core::TypeError("`event_emitter` must be an EventEmitter, got " +
+                                 emitter_value.type_name());
+    }
+  }
+  std::string response_text = response->as_string();
+  co_return co_await format_reference(std::move(response_text), std::move(chunks),
+                                      std::move(event_emitter));
+}
+
+orvo_core::Awaitable<Any> BaseReferenceFormatter::format_reference(
+    std::string response, Chunks chunks, std::shared_ptr<EventEmitter> event_emitter) {
+  Chunks relevant_chunks = co_await _get_relevant_chunks(std::move(response), std::move(chunks));
+  Any references;
+  if (stringify) {
+    references = _format_as_string(relevant_chunks);
+  } else {
+    List list;
+    list.reserve(relevant_chunks.size());
+    for (auto& chunk : relevant_chunks) list.emplace_back(std::move(chunk));
+    references = std::move(list);
+  }
+  if (event_emitter && references.truthy()) {
+    // Every text is built before the first event, so a failing dump emits nothing.
+    std::vector<std::string> streamed_references;
+    if (references.is_string()) {
+      streamed_references.push_back(references.as_string());
+    } else {
+      for (const Any& chunk : references.as_list()) {
+        streamed_references.push_back(Any(chunk.as<Chunk>()->model_dump()).str());
+      }
+    }
+    for (const std::string& streamed_reference : streamed_references) {
+      std::string value = reference_payload(streamed_reference);
+      co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
+                                   orvo_core::EventType::DATA);
+    }
+  }
+  co_return references;
+}
+
+orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_get_relevant_chunks(std::string /*response*/,
+                                                                          Chunks /*chunks*/) {
+  throw orvo_core::NotImplementedError();
+  co_return Chunks{};
+}
+
+std::string BaseReferenceFormatter::_format_as_string(const Chunks& chunks) const {
+  if (!format_chunk_func) throw orvo_core::TypeError("`format_chunk_func` is not set");
+  if (!format_references_func) throw orvo_core::TypeError("`format_references_func` is not set");
+  List formatted_chunks;
+  formatted_chunks.reserve(chunks.size());
+  for (const auto& chunk : chunks) formatted_chunks.push_back(format_chunk_func(*chunk));
+  return format_references_func(formatted_chunks);
+}
+
+std::string BaseReferenceFormatter::_format_input_event(const Map& input_dict) const {
+  const std::size_t count = orvo_core::length(orvo_core::get(input_dict, "chunks"));
+  return "[Start " + orvo_core::text::quoted(type_name()) + "] Formatting references using " +
+         std::to_string(count) + " candidate chunks.";
+}
+
+std::string BaseReferenceFormatter::_format_output_event(const Any& output) const {
+  return "[Finished " + orvo_core::text::quoted(type_name()) +
+         "] Successfully formatted references:\n" + output.repr();
+}
+
+}  // namespace orvo_generation::reference_formatter
