@@ -85,9 +85,8 @@ class Any {
   Any(std::shared_ptr<Map> m) noexcept;  // NOLINT(google-explicit-constructor)
   /// A reference to an object (absent when null).
   template <std::derived_from<Object> T>
-  Any(std::shared_ptr<T> o) noexcept {  // NOLINT(google-explicit-constructor)
-    if (o) v_ = std::shared_ptr<Object>(std::move(o));
-  }
+  Any(std::shared_ptr<T> o) noexcept  // NOLINT(google-explicit-constructor)
+      : v_(object_or_none(std::shared_ptr<Object>(std::move(o)))) {}
 
   /// Which kind of value this is.
   [[nodiscard]] Kind kind() const noexcept { return static_cast<Kind>(v_.index()); }
@@ -157,9 +156,20 @@ class Any {
   }
   [[noreturn]] static void throw_int_overflow();
 
-  std::variant<std::monostate, bool, std::int64_t, double, std::string, std::shared_ptr<List>,
-               std::shared_ptr<Map>, std::shared_ptr<Object>>
-      v_;
+  using Variant = std::variant<std::monostate, bool, std::int64_t, double, std::string,
+                               std::shared_ptr<List>, std::shared_ptr<Map>, std::shared_ptr<Object>>;
+
+  // Null references become the absent value; built in place so no moved-from state is read.
+  template <class P>
+  static Variant ref_or_none(P p) noexcept {
+    if (!p) return {};
+    return Variant(std::in_place_type<P>, std::move(p));
+  }
+  static Variant object_or_none(std::shared_ptr<Object> o) noexcept {
+    return ref_or_none(std::move(o));
+  }
+
+  Variant v_;
 };
 
 /// The value stored under `key`, or absent when the key is missing (the host's `dict.get`).

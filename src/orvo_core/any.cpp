@@ -155,12 +155,8 @@ bool equals(const Any& a, const Any& b, std::size_t depth) {
 
 Any::Any(List l) : v_(std::make_shared<List>(std::move(l))) {}
 Any::Any(Map m) : v_(std::make_shared<Map>(std::move(m))) {}
-Any::Any(std::shared_ptr<List> l) noexcept {
-  if (l) v_ = std::move(l);
-}
-Any::Any(std::shared_ptr<Map> m) noexcept {
-  if (m) v_ = std::move(m);
-}
+Any::Any(std::shared_ptr<List> l) noexcept : v_(ref_or_none(std::move(l))) {}
+Any::Any(std::shared_ptr<Map> m) noexcept : v_(ref_or_none(std::move(m))) {}
 
 void Any::throw_int_overflow() {
   throw ValueError("integer does not fit in a signed 64-bit value");

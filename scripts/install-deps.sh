@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that orvo needs to build, test and benchmark. Idempotent and quiet
+# when everything is present; runs apt-get (as root, or through sudo) only for what is missing.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build python3
+  libboost1.81-dev libboost-json1.81-dev libtsl-ordered-map-dev libhwy-dev libssl-dev
+  googletest libgtest-dev libgmock-dev libbenchmark-dev
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$package")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=()
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || { echo "install-deps: need root or sudo to install: ${missing[*]}" >&2; exit 1; }
+  sudo=(sudo)
+fi
+echo "install-deps: installing ${missing[*]}" >&2
+"${sudo[@]}" apt-get update -qq
+DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends \
+  "${missing[@]}" >/dev/null

@@ -1,0 +1,200 @@
+#include "orvo_core/any.hpp"
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "orvo_core/errors.hpp"
+#include "orvo_core/schema/chunk.hpp"
+
+namespace {
+
+using orvo_core::Any;
+using orvo_core::List;
+using orvo_core::Map;
+
+Map map_of(std::initializer_list<std::pair<const char*, Any>> entries) {
+  Map map;
+  for (const auto& [key, value] : entries) map.insert_or_assign(key, value);
+  return map;
+}
+
+namespace shapes {
+struct Widget : orvo_core::Object {};
+template <class T>
+struct Boxed : orvo_core::Object {};
+}  // namespace shapes
+
+TEST(any, truth_test_follows_the_host) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const struct {
+    Any value;
+    bool truthy;
+  } cases[] = {
+      {Any(), false},          {Any(false), false},        {Any(true), true},
+      {Any(0), false},         {Any(-3), true},            {Any(0.0), false},
+      {Any(-0.0), false},      {Any(nan), true},           {Any(""), false},
+      {Any(" "), true},        {Any(List{}), false},       {Any(List{Any()}), true},
+      {Any(Map{}), false},     {Any(map_of({{"a", Any()}})), true},
+      {Any(std::make_shared<orvo_core::Chunk>()), true},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.value.truthy(), c.truthy) << c.value.repr();
+}
+
+TEST(any, equality_compares_numbers_by_value_and_containers_by_content) {
+  const auto big = std::int64_t{1} << 53;
+  const struct {
+    Any a;
+    Any b;
+    bool equal;
+  } cases[] = {
+      {Any(1), Any(1.0), true},
+      {Any(true), Any(1), true},
+      {Any(false), Any(0.0), true},
+      {Any("1"), Any(1), false},
+      {Any(), Any(), true},
+      {Any(), Any(0), false},
+      {Any(), Any(""), false},
+      {Any(big + 1), Any(static_cast<double>(big)), false},
+      {Any(big), Any(static_cast<double>(big)), true},
+      {Any(std::numeric_limits<std::int64_t>::max()), Any(9223372036854775807.0), false},
+      {Any(std::numeric_limits<std::int64_t>::min()), Any(-9223372036854775808.0), true},
+      {Any(std::nan("")), Any(std::nan("")), false},
+      {Any(List{Any(1), Any("a")}), Any(List{Any(1.0), Any("a")}), true},
+      {Any(List{Any(1)}), Any(List{Any(1), Any(2)}), false},
+      {Any(map_of({{"a", 1}, {"b", 2}})), Any(map_of({{"b", 2}, {"a", 1}})), true},
+      {Any(map_of({{"a", 1}})), Any(map_of({{"a", 2}})), false},
+      {Any(List{}), Any(Map{}), false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.a == c.b, c.equal) << c.a.repr() << " vs " << c.b.repr();
+    EXPECT_EQ(c.b == c.a, c.equal) << c.b.repr() << " vs " << c.a.repr();
+  }
+}
+
+TEST(any, objects_compare_by_identity) {
+  const auto a = std::make_shared<orvo_core::Chunk>("x");
+  const auto b = std::make_shared<orvo_core::Chunk>("x");
+  EXPECT_EQ(Any(a), Any(a));
+  EXPECT_NE(Any(a), Any(b));
+}
+
+TEST(any, text_and_quoted_forms) {
+  const struct {
+    Any value;
+    const char* str;
+    const char* repr;
+  } cases[] = {
+      {Any(), "None", "None"},
+      {Any(true), "True", "True"},
+      {Any(-42), "-42", "-42"},
+      {Any(0.5), "0.5", "0.5"},
+      {Any(1.0), "1.0", "1.0"},
+      {Any(1e-5), "1e-05", "1e-05"},
+      {Any(1e16), "1e+16", "1e+16"},
+      {Any("It's"), "It's", R"("It's")"},
+      {Any(R"(It's "x")"), R"(It's "x")", R"('It\'s "x"')"},
+      {Any("References:\n1. a"), "References:\n1. a", R"('References:\n1. a')"},
+      {Any(map_of({{"file_name", "Guide"}, {"file_url", Any()}})),
+       "{'file_name': 'Guide', 'file_url': None}", "{'file_name': 'Guide', 'file_url': None}"},
+      {Any(map_of({{"content", "a"}, {"metadata", map_of({{"file_name", "x.pdf"}})}})),
+       "{'content': 'a', 'metadata': {'file_name': 'x.pdf'}}",
+       "{'content': 'a', 'metadata': {'file_name': 'x.pdf'}}"},
+      {Any(List{Any("a"), Any(1), Any(List{}), Any(Map{})}), "['a', 1, [], {}]",
+       "['a', 1, [], {}]"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.value.str(), c.str);
+    EXPECT_EQ(c.value.repr(), c.repr);
+  }
+}
+
+TEST(any, lists_and_maps_are_shared_between_copies) {
+  const Any original(Map{});
+  const Any copy = original;  // NOLINT(performance-unnecessary-copy-initialization)
+  copy.as_map().insert_or_assign("query", "abc");
+  EXPECT_EQ(original.as_map().size(), 1U);
+
+  Map source = map_of({{"a", 1}});
+  const Any fresh(source);
+  fresh.as_map().insert_or_assign("b", 2);
+  EXPECT_EQ(source.size(), 1U) << "constructing from a Map value makes a new container";
+}
+
+TEST(any, assigning_an_existing_key_keeps_its_place) {
+  Map map = map_of({{"context", "c"}, {"query", "old"}, {"extra", 1}});
+  map.insert_or_assign("query", "new");
+  EXPECT_EQ(Any(map).str(), "{'context': 'c', 'query': 'new', 'extra': 1}");
+}
+
+TEST(any, self_containing_containers_render_like_the_host) {
+  const Any list(List{Any(1)});
+  list.as_list().push_back(list);
+  EXPECT_EQ(list.repr(), "[1, [...]]");
+
+  const Any map(Map{});
+  map.as_map().insert_or_assign("self", map);
+  EXPECT_EQ(map.str(), "{'self': {...}}");
+  EXPECT_TRUE(map == map);
+  // Break the cycles so the containers are released.
+  list.as_list().clear();
+  map.as_map().clear();
+}
+
+TEST(any, excessive_nesting_is_an_error_not_a_crash) {
+  Any deep = List{};
+  for (int i = 0; i < 2000; ++i) deep = List{deep};
+  EXPECT_THROW((void)deep.repr(), orvo_core::ValueError);
+  EXPECT_THROW((void)(deep == Any(List{deep})), orvo_core::ValueError);
+}
+
+TEST(any, checked_accessors_name_both_kinds) {
+  try {
+    (void)Any(3).as_string();
+    FAIL() << "expected a TypeError";
+  } catch (const orvo_core::TypeError& e) {
+    EXPECT_STREQ(e.what(), "expected str, got int");
+  }
+  EXPECT_THROW((void)Any("x").as_map(), orvo_core::TypeError);
+  EXPECT_THROW((void)Any().as_list(), orvo_core::TypeError);
+  EXPECT_THROW(Any(std::numeric_limits<std::uint64_t>::max()), orvo_core::ValueError);
+  EXPECT_EQ(Any(std::uint64_t{7}).as_int(), 7);
+}
+
+TEST(any, object_kind_tests_accept_derived_types) {
+  struct SpecialChunk : orvo_core::Chunk {};
+  const Any special(std::make_shared<SpecialChunk>());
+  EXPECT_TRUE(special.is<orvo_core::Chunk>());
+  EXPECT_FALSE(Any(std::make_shared<shapes::Widget>()).is<orvo_core::Chunk>());
+  EXPECT_FALSE(Any("text").is<orvo_core::Chunk>());
+  EXPECT_TRUE(Any(std::shared_ptr<orvo_core::Chunk>()).is_none());
+}
+
+TEST(any, type_names_are_the_hosts_and_the_classes_own) {
+  EXPECT_EQ(Any().type_name(), "NoneType");
+  EXPECT_EQ(Any(Map{}).type_name(), "dict");
+  EXPECT_EQ(Any(std::make_shared<shapes::Widget>()).type_name(), "Widget");
+  EXPECT_EQ(Any(std::make_shared<shapes::Boxed<int>>()).type_name(), "Boxed");
+  EXPECT_EQ(Any(std::make_shared<shapes::Widget>()).repr(), "<Widget object>");
+}
+
+TEST(any, length_counts_code_points_elements_and_entries) {
+  EXPECT_EQ(orvo_core::length(Any("h\xc3\xa9llo")), 5U);
+  EXPECT_EQ(orvo_core::length(Any("\xff\xfe")), 2U);
+  EXPECT_EQ(orvo_core::length(Any(List{Any(), Any()})), 2U);
+  EXPECT_EQ(orvo_core::length(Any(map_of({{"a", 1}}))), 1U);
+  EXPECT_THROW((void)orvo_core::length(Any()), orvo_core::TypeError);
+  EXPECT_THROW((void)orvo_core::length(Any(5)), orvo_core::TypeError);
+}
+
+TEST(any, get_yields_absent_for_a_missing_key) {
+  const Map map = map_of({{"a", 1}});
+  EXPECT_EQ(orvo_core::get(map, "a"), Any(1));
+  EXPECT_TRUE(orvo_core::get(map, "b").is_none());
+  EXPECT_EQ(orvo_core::find(map, "b"), nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,55 @@
+#include "orvo_core/event/event_emitter.hpp"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "orvo_core/any.hpp"
+
+namespace {
+
+using orvo_core::Event;
+using orvo_core::EventLevel;
+using orvo_core::EventType;
+
+class Collector : public orvo_core::EventHandler {
+ public:
+  Collector(std::string name, std::vector<std::string>* log) : name_(std::move(name)), log_(log) {}
+  orvo_core::Awaitable<void> handle(Event event) override {
+    log_->push_back(name_ + ":" + event.value + ":" + std::string(orvo_core::to_string(event.type)));
+    co_return;
+  }
+
+ private:
+  std::string name_;
+  std::vector<std::string>* log_;
+};
+
+TEST(event_emitter, passes_each_event_to_every_handler_in_order) {
+  std::vector<std::string> log;
+  orvo_core::EventEmitter emitter({std::make_shared<Collector>("a", &log),
+                                   std::make_shared<Collector>("b", &log)});
+  orvo_core::run_sync(emitter.emit("one", EventLevel::INFO, EventType::DATA));
+  orvo_core::run_sync(emitter.emit("two", EventLevel::INFO, EventType::RESPONSE));
+  EXPECT_EQ(log, (std::vector<std::string>{"a:one:DATA", "b:one:DATA", "a:two:RESPONSE",
+                                           "b:two:RESPONSE"}));
+}
+
+TEST(event_emitter, drops_events_below_its_minimum_level) {
+  std::vector<std::string> log;
+  orvo_core::EventEmitter emitter({std::make_shared<Collector>("a", &log)}, EventLevel::INFO);
+  orvo_core::run_sync(emitter.emit("quiet", EventLevel::TRACE, EventType::STATUS));
+  orvo_core::run_sync(emitter.emit("loud", EventLevel::WARNING, EventType::STATUS));
+  EXPECT_EQ(log, std::vector<std::string>{"a:loud:STATUS"});
+}
+
+TEST(event_emitter, without_handlers_still_counts_as_given) {
+  const orvo_core::Any emitter(std::make_shared<orvo_core::EventEmitter>());
+  EXPECT_TRUE(emitter.truthy());
+  EXPECT_NO_THROW(orvo_core::run_sync(
+      emitter.as<orvo_core::EventEmitter>()->emit("x", EventLevel::INFO, EventType::DATA)));
+}
+
+}  // namespace

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "orvo_core/event/event_emitter.hpp"
+
+namespace orvo_test {
+
+/// An emitter that records every event; optionally fails on the n-th call of `emit` (from 0).
+class RecordingEmitter : public orvo_core::EventEmitter {
+ public:
+  orvo_core::Awaitable<void> emit(std::string value, orvo_core::EventLevel level,
+                                  orvo_core::EventType type) override {
+    if (fail_at && *fail_at == calls++) throw std::runtime_error("emit failed");
+    orvo_core::Event event{std::move(value), level, type};
+    events.push_back(std::move(event));
+    co_return;
+  }
+
+  /// The values of the recorded events, in order.
+  [[nodiscard]] std::vector<std::string> values() const {
+    std::vector<std::string> out;
+    for (const auto& event : events) out.push_back(event.value);
+    return out;
+  }
+
+  std::vector<orvo_core::Event> events;
+  std::optional<std::size_t> fail_at;
+  std::size_t calls = 0;
+};
+
+}  // namespace orvo_test
