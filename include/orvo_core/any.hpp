@@ -65,8 +65,8 @@ class Any {
   Any(bool b) noexcept : v_(b) {}  // NOLINT(google-explicit-constructor)
   /// An integer; unsigned values above the signed 64-bit range are a `ValueError`.
   template <std::integral T>
-    requires(!std::same_as<T, bool>)
-  Any(T i) : v_(to_int64(i)) {}  // NOLINT(google-explicit-constructor)
+  requires(!std::same_as<T, bool>) Any(T i)
+      : v_(to_int64(i)) {}  // NOLINT(google-explicit-constructor)
   /// A floating-point number.
   Any(double d) noexcept : v_(d) {}  // NOLINT(google-explicit-constructor)
   /// A string (UTF-8).
@@ -156,8 +156,9 @@ class Any {
   }
   [[noreturn]] static void throw_int_overflow();
 
-  using Variant = std::variant<std::monostate, bool, std::int64_t, double, std::string,
-                               std::shared_ptr<List>, std::shared_ptr<Map>, std::shared_ptr<Object>>;
+  using Variant =
+      std::variant<std::monostate, bool, std::int64_t, double, std::string, std::shared_ptr<List>,
+                   std::shared_ptr<Map>, std::shared_ptr<Object>>;
 
   // Null references become the absent value; built in place so no moved-from state is read.
   template <class P>
@@ -174,6 +175,10 @@ class Any {
 
 /// The value stored under `key`, or absent when the key is missing (the host's `dict.get`).
 [[nodiscard]] Any get(const Map& map, std::string_view key);
+
+/// The value stored under a key of any kind: a string key is looked up, a list or map key is a
+/// `TypeError` (unhashable), and any other key yields absent, as no string key can equal it.
+[[nodiscard]] Any lookup(const Map& map, const Any& key);
 
 /// A pointer to the value stored under `key`, or null when the key is missing.
 [[nodiscard]] const Any* find(const Map& map, std::string_view key);

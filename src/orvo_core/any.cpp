@@ -29,10 +29,18 @@ class Renderer {
 
   void render(const Any& value, bool quoted) {
     switch (value.kind()) {
-      case Any::Kind::None: out_ += "None"; return;
-      case Any::Kind::Bool: out_ += value.as_bool() ? "True" : "False"; return;
-      case Any::Kind::Int: out_ += std::to_string(value.as_int()); return;
-      case Any::Kind::Float: text::append_float(out_, value.as_float()); return;
+      case Any::Kind::None:
+        out_ += "None";
+        return;
+      case Any::Kind::Bool:
+        out_ += value.as_bool() ? "True" : "False";
+        return;
+      case Any::Kind::Int:
+        out_ += std::to_string(value.as_int());
+        return;
+      case Any::Kind::Float:
+        text::append_float(out_, value.as_float());
+        return;
       case Any::Kind::String:
         if (quoted) {
           text::append_quoted(out_, value.as_string());
@@ -40,8 +48,12 @@ class Renderer {
           out_ += value.as_string();
         }
         return;
-      case Any::Kind::List: render_list(value.as_list()); return;
-      case Any::Kind::Map: render_map(value.as_map()); return;
+      case Any::Kind::List:
+        render_list(value.as_list());
+        return;
+      case Any::Kind::Map:
+        render_map(value.as_map());
+        return;
       case Any::Kind::Object:
         out_ += quoted ? value.as_object()->repr() : value.as_object()->str();
         return;
@@ -122,8 +134,10 @@ bool equals(const Any& a, const Any& b, std::size_t depth) {
   }
   if (ka != kb) return false;
   switch (ka) {
-    case K::None: return true;
-    case K::String: return a.as_string() == b.as_string();
+    case K::None:
+      return true;
+    case K::String:
+      return a.as_string() == b.as_string();
     case K::List: {
       const List& la = a.as_list();
       const List& lb = b.as_list();
@@ -147,7 +161,8 @@ bool equals(const Any& a, const Any& b, std::size_t depth) {
     }
     case K::Object:
       return a.as_object() == b.as_object() || a.as_object()->equals(*b.as_object());
-    default: return false;
+    default:
+      return false;
   }
 }
 
@@ -182,9 +197,13 @@ const std::string& Any::as_string() const {
   throw_kind("str", *this);
 }
 
-List& Any::as_list() const { return *list_ptr(); }
+List& Any::as_list() const {
+  return *list_ptr();
+}
 
-Map& Any::as_map() const { return *map_ptr(); }
+Map& Any::as_map() const {
+  return *map_ptr();
+}
 
 const std::shared_ptr<Object>& Any::as_object() const {
   if (const auto* o = std::get_if<std::shared_ptr<Object>>(&v_)) return *o;
@@ -203,21 +222,33 @@ const std::shared_ptr<Map>& Any::map_ptr() const {
 
 bool Any::truthy() const noexcept {
   switch (kind()) {
-    case Kind::None: return false;
-    case Kind::Bool: return std::get<bool>(v_);
-    case Kind::Int: return std::get<std::int64_t>(v_) != 0;
-    case Kind::Float: return std::get<double>(v_) != 0.0;  // nan is true, as in the host
-    case Kind::String: return !std::get<std::string>(v_).empty();
-    case Kind::List: return !std::get<std::shared_ptr<List>>(v_)->empty();
-    case Kind::Map: return !std::get<std::shared_ptr<Map>>(v_)->empty();
-    case Kind::Object: return true;
+    case Kind::None:
+      return false;
+    case Kind::Bool:
+      return std::get<bool>(v_);
+    case Kind::Int:
+      return std::get<std::int64_t>(v_) != 0;
+    case Kind::Float:
+      return std::get<double>(v_) != 0.0;  // nan is true, as in the host
+    case Kind::String:
+      return !std::get<std::string>(v_).empty();
+    case Kind::List:
+      return !std::get<std::shared_ptr<List>>(v_)->empty();
+    case Kind::Map:
+      return !std::get<std::shared_ptr<Map>>(v_)->empty();
+    case Kind::Object:
+      return true;
   }
   return false;
 }
 
-void Any::append_str(std::string& out) const { Renderer(out).render(*this, false); }
+void Any::append_str(std::string& out) const {
+  Renderer(out).render(*this, false);
+}
 
-void Any::append_repr(std::string& out) const { Renderer(out).render(*this, true); }
+void Any::append_repr(std::string& out) const {
+  Renderer(out).render(*this, true);
+}
 
 std::string Any::str() const {
   if (const auto* s = std::get_if<std::string>(&v_)) return *s;
@@ -234,23 +265,39 @@ std::string Any::repr() const {
 
 std::string Any::type_name() const {
   switch (kind()) {
-    case Kind::None: return "NoneType";
-    case Kind::Bool: return "bool";
-    case Kind::Int: return "int";
-    case Kind::Float: return "float";
-    case Kind::String: return "str";
-    case Kind::List: return "list";
-    case Kind::Map: return "dict";
-    case Kind::Object: return std::get<std::shared_ptr<Object>>(v_)->type_name();
+    case Kind::None:
+      return "NoneType";
+    case Kind::Bool:
+      return "bool";
+    case Kind::Int:
+      return "int";
+    case Kind::Float:
+      return "float";
+    case Kind::String:
+      return "str";
+    case Kind::List:
+      return "list";
+    case Kind::Map:
+      return "dict";
+    case Kind::Object:
+      return std::get<std::shared_ptr<Object>>(v_)->type_name();
   }
   return "object";
 }
 
-bool operator==(const Any& a, const Any& b) { return equals(a, b, 0); }
+bool operator==(const Any& a, const Any& b) {
+  return equals(a, b, 0);
+}
 
 Any get(const Map& map, std::string_view key) {
   const Any* value = find(map, key);
   return value != nullptr ? *value : Any();
+}
+
+Any lookup(const Map& map, const Any& key) {
+  if (key.is_string()) return get(map, key.as_string());
+  if (key.is_list() || key.is_map()) throw TypeError("unhashable type: '" + key.type_name() + "'");
+  return {};
 }
 
 const Any* find(const Map& map, std::string_view key) {
@@ -260,10 +307,14 @@ const Any* find(const Map& map, std::string_view key) {
 
 std::size_t length(const Any& value) {
   switch (value.kind()) {
-    case Any::Kind::String: return text::code_point_count(value.as_string());
-    case Any::Kind::List: return value.as_list().size();
-    case Any::Kind::Map: return value.as_map().size();
-    default: throw TypeError("object of type '" + value.type_name() + "' has no len()");
+    case Any::Kind::String:
+      return text::code_point_count(value.as_string());
+    case Any::Kind::List:
+      return value.as_list().size();
+    case Any::Kind::Map:
+      return value.as_map().size();
+    default:
+      throw TypeError("object of type '" + value.type_name() + "' has no len()");
   }
 }
 

@@ -1,32 +1,108 @@
-#include "orvo_core/utils/similarity.hpp"
+// Cosine similarity with runtime CPU dispatch: this file is compiled once per SIMD target and the
+// best target the CPU supports is chosen at the first call.
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "orvo_core/similarity.cpp"
+#include <hwy/foreach_target.h>  // IWYU pragma: keep
 
+#include <hwy/highway.h>
+
+#include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
+
+HWY_BEFORE_NAMESPACE();
+namespace orvo_core {
+namespace HWY_NAMESPACE {
+namespace hn = hwy::HWY_NAMESPACE;
+
+// Scores `count` rows of `dim` floats against a query that is already widened to double, in
+// one pass per row. Products of two floats are exact in double, so accumulating in double keeps
+// the score accurate to the last few bits whatever the length.
+void CosineRows(const double* query, double query_norm2, const float* rows, std::size_t count,
+                std::size_t dim, double* scores) {
+  const hn::ScalableTag<double> dd;
+  const hn::Rebind<float, decltype(dd)> df;
+  const std::size_t lanes = hn::Lanes(dd);
+  for (std::size_t r = 0; r < count; ++r) {
+    const float* row = rows + r * dim;
+    // Four independent chains per sum hide the latency of the multiply-adds.
+    auto dot0 = hn::Zero(dd), dot1 = hn::Zero(dd), dot2 = hn::Zero(dd), dot3 = hn::Zero(dd);
+    auto sq0 = hn::Zero(dd), sq1 = hn::Zero(dd), sq2 = hn::Zero(dd), sq3 = hn::Zero(dd);
+    std::size_t j = 0;
+    for (; j + 4 * lanes <= dim; j += 4 * lanes) {
+      const auto r0 = hn::PromoteTo(dd, hn::LoadU(df, row + j));
+      const auto r1 = hn::PromoteTo(dd, hn::LoadU(df, row + j + lanes));
+      const auto r2 = hn::PromoteTo(dd, hn::LoadU(df, row + j + 2 * lanes));
+      const auto r3 = hn::PromoteTo(dd, hn::LoadU(df, row + j + 3 * lanes));
+      dot0 = hn::MulAdd(hn::LoadU(dd, query + j), r0, dot0);
+      dot1 = hn::MulAdd(hn::LoadU(dd, query + j + lanes), r1, dot1);
+      dot2 = hn::MulAdd(hn::LoadU(dd, query + j + 2 * lanes), r2, dot2);
+      dot3 = hn::MulAdd(hn::LoadU(dd, query + j + 3 * lanes), r3, dot3);
+      sq0 = hn::MulAdd(r0, r0, sq0);
+      sq1 = hn::MulAdd(r1, r1, sq1);
+      sq2 = hn::MulAdd(r2, r2, sq2);
+      sq3 = hn::MulAdd(r3, r3, sq3);
+    }
+    for (; j + lanes <= dim; j += lanes) {
+      const auto r0 = hn::PromoteTo(dd, hn::LoadU(df, row + j));
+      dot0 = hn::MulAdd(hn::LoadU(dd, query + j), r0, dot0);
+      sq0 = hn::MulAdd(r0, r0, sq0);
+    }
+    const auto dots = hn::Add(hn::Add(dot0, dot1), hn::Add(dot2, dot3));
+    const auto sqs = hn::Add(hn::Add(sq0, sq1), hn::Add(sq2, sq3));
+    double dot = hn::GetLane(hn::SumOfLanes(dd, dots));
+    double norm2 = hn::GetLane(hn::SumOfLanes(dd, sqs));
+    for (; j < dim; ++j) {
+      const double x = row[j];
+      dot += query[j] * x;
+      norm2 += x * x;
+    }
+    const double denominator = std::sqrt(query_norm2 * norm2);
+    scores[r] = denominator > 0.0 ? std::clamp(dot / denominator, -1.0, 1.0) : 0.0;
+  }
+}
+
+std::int64_t Target() {
+  return HWY_TARGET;
+}
+
+}  // namespace HWY_NAMESPACE
+}  // namespace orvo_core
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
 #include <string>
 
 #include "orvo_core/errors.hpp"
+#include "orvo_core/utils/similarity.hpp"
 
 namespace orvo_core {
+
+HWY_EXPORT(CosineRows);
+HWY_EXPORT(Target);
 
 std::vector<double> cosine(std::span<const float> vector, const Embeddings& vectors) {
   if (!vectors.empty() && vectors.dim() != vector.size()) {
     throw ValueError("cosine: the vector has length " + std::to_string(vector.size()) +
                      " but the batch holds vectors of length " + std::to_string(vectors.dim()));
   }
-  double query_norm2 = 0.0;
-  for (const float x : vector) query_norm2 += double{x} * double{x};
   std::vector<double> scores(vectors.size(), 0.0);
-  for (std::size_t i = 0; i < vectors.size(); ++i) {
-    const auto row = vectors[i];
-    double dot = 0.0;
-    double norm2 = 0.0;
-    for (std::size_t j = 0; j < row.size(); ++j) {
-      dot += double{vector[j]} * double{row[j]};
-      norm2 += double{row[j]} * double{row[j]};
-    }
-    const double denominator = std::sqrt(query_norm2) * std::sqrt(norm2);
-    scores[i] = denominator > 0.0 ? dot / denominator : 0.0;
+  if (vectors.empty()) return scores;
+  std::vector<double> query(vector.size());
+  double query_norm2 = 0.0;
+  for (std::size_t j = 0; j < vector.size(); ++j) {
+    query[j] = vector[j];
+    query_norm2 += query[j] * query[j];
   }
+  HWY_DYNAMIC_DISPATCH(CosineRows)
+  (query.data(), query_norm2, vectors.data(), vectors.size(), vectors.dim(), scores.data());
   return scores;
 }
 
+std::string_view cosine_target() {
+  return hwy::TargetName(HWY_DYNAMIC_DISPATCH(Target)());
+}
+
 }  // namespace orvo_core
+#endif  // HWY_ONCE

@@ -29,16 +29,6 @@ Any make_default_metadata_map() {
   return map;
 }
 
-// The metadata value under a key read from the metadata map: absent for an absent key, as the
-// host's dict.get does for a key that no metadata entry can have.
-Any lookup(const Map& metadata, const Any& key) {
-  if (key.is_string()) return orvo_core::get(metadata, key.as_string());
-  if (key.is_list() || key.is_map()) {
-    throw orvo_core::TypeError("unhashable type: '" + key.type_name() + "'");
-  }
-  return {};
-}
-
 }  // namespace
 
 const Any DEFAULT_FORMAT_CHUNK_METADATA_MAP = make_default_metadata_map();
@@ -60,8 +50,8 @@ FormatChunkFunc format_chunk_as_string(Any metadata_map) {
     const Map& keys = metadata_map.as_map();
     const Any title_key = orvo_core::get(keys, "title");
     const Any url_key = orvo_core::get(keys, "url");
-    Any title = lookup(chunk.metadata, title_key);
-    const Any url = lookup(chunk.metadata, url_key);
+    Any title = orvo_core::lookup(chunk.metadata, title_key);
+    const Any url = orvo_core::lookup(chunk.metadata, url_key);
     if (!url.truthy()) return title;
     std::string entry = "[";
     title.append_str(entry);
@@ -84,9 +74,9 @@ BaseReferenceFormatter::BaseReferenceFormatter(bool stringify,
                                                FormatChunkFunc format_chunk_func,
                                                Any format_chunk_metadata_map, bool streamable)
     : stringify(stringify),
-      format_references_func(format_references_func ? std::move(format_references_func)
-                                                    : FormatReferencesFunc(
-                                                          format_references_as_string)),
+      format_references_func(format_references_func
+                                 ? std::move(format_references_func)
+                                 : FormatReferencesFunc(format_references_as_string)),
       format_chunk_func(format_chunk_func
                             ? std::move(format_chunk_func)
                             : format_chunk_as_string(format_chunk_metadata_map.truthy()

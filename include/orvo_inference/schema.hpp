@@ -1,0 +1,14 @@
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace orvo_inference {
+
+/// The role of a turn of a conversation.
+enum class PromptRole : std::uint8_t { SYSTEM, USER, ASSISTANT };
+
+/// The role's name as chat APIs spell it: "system", "user" or "assistant".
+[[nodiscard]] std::string_view to_string(PromptRole role) noexcept;
+
+}  // namespace orvo_inference

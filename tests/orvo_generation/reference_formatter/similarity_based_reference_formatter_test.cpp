@@ -1,0 +1,120 @@
+#include "orvo_generation/reference_formatter/similarity_based_reference_formatter.hpp"
+
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "orvo_core/errors.hpp"
+#include "orvo_core/utils/similarity.hpp"
+#include "support/chunks.hpp"
+#include "support/fake_em_invoker.hpp"
+
+namespace {
+
+namespace rf = orvo_generation::reference_formatter;
+using orvo_core::Embedding;
+using orvo_test::FakeEMInvoker;
+using orvo_test::make_chunk;
+
+// A vector at cosine `c` from the response vector {1, 0}.
+Embedding at_cosine(double c) {
+  return {static_cast<float>(c), static_cast<float>(std::sqrt(1 - c * c))};
+}
+
+struct Fixture {
+  Fixture() {
+    invoker->table["response"] = {1, 0};
+    invoker->table["a"] = at_cosine(0.9);
+    invoker->table["b"] = at_cosine(0.7);
+    invoker->table["c"] = at_cosine(0.9);
+    invoker->table["d"] = at_cosine(0.2);
+  }
+
+  std::vector<std::string> relevant(rf::Chunks chunks) {
+    const auto result = orvo_core::run_sync(formatter._get_relevant_chunks("response", chunks));
+    std::vector<std::string> contents;
+    for (const auto& chunk : result) contents.push_back(chunk->content);
+    return contents;
+  }
+
+  std::shared_ptr<FakeEMInvoker> invoker = std::make_shared<FakeEMInvoker>();
+  rf::SimilarityBasedReferenceFormatter formatter{invoker};
+};
+
+using Contents = std::vector<std::string>;
+
+TEST(similarity_based_reference_formatter, defaults) {
+  Fixture f;
+  EXPECT_EQ(f.formatter.threshold, 0.5);
+  EXPECT_TRUE(f.formatter.stringify);
+  EXPECT_TRUE(f.formatter.streamable);
+  EXPECT_EQ(f.formatter.em_invoker, f.invoker);
+}
+
+TEST(similarity_based_reference_formatter, keeps_scores_at_the_threshold_most_similar_first) {
+  Fixture f;
+  const auto a = make_chunk("a");
+  EXPECT_EQ(f.relevant({a, make_chunk("b"), make_chunk("c"), make_chunk("d")}),
+            (Contents{"a", "c", "b"}))
+      << "descending by score, ties in input order";
+  EXPECT_EQ(f.relevant({a, a}), (Contents{"a", "a"})) << "a repeated chunk is scored twice";
+  ASSERT_EQ(f.invoker->calls.size(), 4U);
+  EXPECT_TRUE(f.invoker->calls[0].single);
+  EXPECT_EQ(f.invoker->calls[0].texts, Contents{"response"});
+  EXPECT_FALSE(f.invoker->calls[1].single);
+  EXPECT_EQ(f.invoker->calls[1].texts, (Contents{"a", "b", "c", "d"}));
+}
+
+TEST(similarity_based_reference_formatter, threshold_is_inclusive_and_read_at_each_call) {
+  Fixture f;
+  const rf::Chunks chunks{make_chunk("b")};
+  const double score = orvo_core::cosine(std::vector<float>{1, 0},
+                                         orvo_core::Embeddings::from_rows({at_cosine(0.7)}))[0];
+  f.formatter.threshold = score;
+  EXPECT_EQ(f.relevant(chunks), Contents{"b"});
+  f.formatter.threshold = std::nextafter(score, 2.0);
+  EXPECT_TRUE(f.relevant(chunks).empty()) << "no fallback to the best chunk";
+  f.formatter.threshold = std::numeric_limits<double>::quiet_NaN();
+  EXPECT_TRUE(f.relevant(chunks).empty());
+}
+
+TEST(similarity_based_reference_formatter, no_chunks_means_no_request) {
+  Fixture f;
+  EXPECT_TRUE(f.relevant({}).empty());
+  EXPECT_TRUE(f.invoker->calls.empty());
+}
+
+TEST(similarity_based_reference_formatter, a_miscounting_invoker_is_an_invalid_value) {
+  for (const int extra : {-1, 1}) {
+    Fixture f;
+    f.invoker->extra_rows = extra;
+    f.formatter.stringify = false;
+    orvo_core::Kwargs kwargs;
+    kwargs.emplace("response", "response");
+    kwargs.emplace("chunks", orvo_core::List{make_chunk("a"), make_chunk("b"), make_chunk("c")});
+    EXPECT_THROW((void)orvo_core::run_sync(f.formatter._run(kwargs)), orvo_core::ValueError)
+        << extra;
+  }
+}
+
+TEST(similarity_based_reference_formatter, invoker_errors_reach_the_caller_and_stop_the_work) {
+  Fixture f;
+  f.invoker->fail_at = 0;
+  EXPECT_THROW((void)f.relevant({make_chunk("a")}), std::runtime_error);
+  EXPECT_TRUE(f.invoker->calls.empty()) << "the contents are not embedded after a failure";
+}
+
+TEST(similarity_based_reference_formatter, renders_the_kept_chunks_through_the_base) {
+  Fixture f;
+  orvo_core::Kwargs kwargs;
+  kwargs.emplace("response", "response");
+  kwargs.emplace("chunks", orvo_core::List{make_chunk("b", "B", "b.md"), make_chunk("d", "D"),
+                                           make_chunk("a", "A", "a.md")});
+  EXPECT_EQ(orvo_core::run_sync(f.formatter._run(kwargs)),
+            orvo_core::Any("References:\n1. [A](a.md)\n2. [B](b.md)"));
+}
+
+}  // namespace

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "orvo_inference/em_invoker/em_invoker.hpp"
+
+namespace orvo_test {
+
+/// An embedding invoker that looks texts up in a table and records every call.
+class FakeEMInvoker : public orvo_inference::BaseEMInvoker {
+ public:
+  /// One call: the single text, or the list of texts.
+  struct Call {
+    bool single;
+    std::vector<std::string> texts;
+  };
+
+  orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string text) override {
+    record(Call{true, {text}});
+    co_return embed(text);
+  }
+
+  orvo_core::Awaitable<orvo_core::Embeddings> invoke(std::vector<std::string_view> texts) override {
+    record(Call{false, std::vector<std::string>(texts.begin(), texts.end())});
+    std::vector<orvo_core::Embedding> rows;
+    for (const auto text : texts) rows.push_back(embed(text));
+    // Misbehave on request: drop or duplicate rows.
+    for (; extra_rows < 0 && !rows.empty(); ++extra_rows) rows.pop_back();
+    for (; extra_rows > 0; --extra_rows) rows.push_back(rows.back());
+    co_return orvo_core::Embeddings::from_rows(rows);
+  }
+
+  std::map<std::string, orvo_core::Embedding, std::less<>> table;  ///< Text to vector.
+  std::vector<Call> calls;
+  std::optional<std::size_t> fail_at;  ///< Call index (from 0) that throws.
+  int extra_rows = 0;                  ///< Rows added (or removed, if negative) to a batch.
+
+ private:
+  void record(Call call) {
+    if (fail_at && *fail_at == calls.size()) throw std::runtime_error("invoke failed");
+    calls.push_back(std::move(call));
+  }
+  orvo_core::Embedding embed(std::string_view text) const {
+    const auto it = table.find(text);
+    if (it == table.end()) throw std::out_of_range("no embedding for '" + std::string(text) + "'");
+    return it->second;
+  }
+};
+
+/// Hands over precomputed embeddings without copying them, whatever the texts.
+class PrecomputedEMInvoker : public orvo_inference::BaseEMInvoker {
+ public:
+  PrecomputedEMInvoker(orvo_core::Embedding query, orvo_core::Embeddings rows)
+      : query_(std::move(query)), rows_(std::move(rows)) {}
+
+  orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string /*text*/) override {
+    co_return query_;
+  }
+  orvo_core::Awaitable<orvo_core::Embeddings> invoke(
+      std::vector<std::string_view> /*texts*/) override {
+    co_return rows_;
+  }
+
+ private:
+  orvo_core::Embedding query_;
+  orvo_core::Embeddings rows_;
+};
+
+}  // namespace orvo_test
