@@ -51,8 +51,7 @@ std::shared_ptr<orvo_core::Chunk> chunk(std::string content, std::string title, 
 
 int main() {
   const auto formatter = std::make_shared<KeywordReferenceFormatter>();
-  const std::vector<std::shared_ptr<PrintingHandler>> printers{
-      std::make_shared<PrintingHandler>()};
+  const std::vector<std::shared_ptr<PrintingHandler>> printers{std::make_shared<PrintingHandler>()};
   const auto emitter = std::make_shared<orvo_core::EventEmitter>(
       std::vector<std::shared_ptr<orvo_core::EventHandler>>(printers.begin(), printers.end()));
 

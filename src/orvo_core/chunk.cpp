@@ -5,10 +5,7 @@
 namespace orvo_core {
 
 Chunk::Chunk(std::string content, Map metadata, std::string id, std::optional<double> score)
-    : id(std::move(id)),
-      content(std::move(content)),
-      metadata(std::move(metadata)),
-      score(score) {}
+    : id(std::move(id)), content(std::move(content)), metadata(std::move(metadata)), score(score) {}
 
 Map Chunk::model_dump() const {
   Map dump;

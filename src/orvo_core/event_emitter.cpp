@@ -1,8 +1,11 @@
 #include "orvo_core/event/event_emitter.hpp"
 
+#include "orvo_core/errors.hpp"
+
 namespace orvo_core {
 
-EventEmitter::EventEmitter(std::vector<std::shared_ptr<EventHandler>> handlers, EventLevel minimum_level)
+EventEmitter::EventEmitter(std::vector<std::shared_ptr<EventHandler>> handlers,
+                           EventLevel minimum_level)
     : handlers(std::move(handlers)), minimum_level(minimum_level) {}
 
 Awaitable<void> EventEmitter::emit(std::string value, EventLevel level, EventType type) {
@@ -13,6 +16,16 @@ Awaitable<void> EventEmitter::emit(std::string value, EventLevel level, EventTyp
     Event event{value, level, type};
     co_await handler->handle(std::move(event));
   }
+}
+
+std::shared_ptr<EventEmitter> event_emitter_argument(const Map& kwargs) {
+  const Any value = get(kwargs, "event_emitter");
+  auto emitter = value.as<EventEmitter>();
+  // Components call `emit` on it, so anything given that is not an emitter is refused up front.
+  if (!emitter && value.truthy()) {
+    throw TypeError("`event_emitter` must be an EventEmitter, got " + value.type_name());
+  }
+  return emitter;
 }
 
 }  // namespace orvo_core

@@ -22,10 +22,16 @@ std::string Object::type_name() const {
   return name;
 }
 
-std::string Object::repr() const { return "<" + type_name() + " object>"; }
+std::string Object::repr() const {
+  return "<" + type_name() + " object>";
+}
 
-std::string Object::str() const { return repr(); }
+std::string Object::str() const {
+  return repr();
+}
 
-bool Object::equals(const Object& other) const { return this == &other; }
+bool Object::equals(const Object& other) const {
+  return this == &other;
+}
 
 }  // namespace orvo_core

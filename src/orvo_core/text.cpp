@@ -35,7 +35,9 @@ void append_hex(std::string& out, std::uint32_t value, int digits) {
   }
 }
 
-inline bool is_continuation(unsigned char c) noexcept { return (c & 0xC0) == 0x80; }
+inline bool is_continuation(unsigned char c) noexcept {
+  return (c & 0xC0) == 0x80;
+}
 
 }  // namespace
 
@@ -69,8 +71,7 @@ char32_t decode(std::string_view s, std::size_t& pos) noexcept {
     const unsigned char b1 = byte(pos + 1);
     const unsigned char lo = b0 == 0xF0 ? 0x90 : 0x80;
     const unsigned char hi = b0 == 0xF4 ? 0x8F : 0xBF;
-    if (b1 >= lo && b1 <= hi && is_continuation(byte(pos + 2)) &&
-        is_continuation(byte(pos + 3))) {
+    if (b1 >= lo && b1 <= hi && is_continuation(byte(pos + 2)) && is_continuation(byte(pos + 3))) {
       const char32_t cp = (char32_t{b0} & 0x07) << 18 | (char32_t{b1} & 0x3F) << 12 |
                           (char32_t{byte(pos + 2)} & 0x3F) << 6 | (char32_t{byte(pos + 3)} & 0x3F);
       pos += 4;
@@ -86,7 +87,9 @@ bool is_printable(char32_t cp) noexcept {
   return !in_ranges(kNonPrintable, cp);
 }
 
-bool is_space(char32_t cp) noexcept { return in_ranges(kWhiteSpace, cp); }
+bool is_space(char32_t cp) noexcept {
+  return in_ranges(kWhiteSpace, cp);
+}
 
 void append_quoted(std::string& out, std::string_view s) {
   const bool has_single = s.find('\'') != std::string_view::npos;
@@ -142,13 +145,27 @@ void append_json_string(std::string& out, std::string_view s) {
     }
     const char32_t cp = decode(s, pos);
     switch (cp) {
-      case U'"': out += "\\\""; break;
-      case U'\\': out += "\\\\"; break;
-      case U'\b': out += "\\b"; break;
-      case U'\f': out += "\\f"; break;
-      case U'\n': out += "\\n"; break;
-      case U'\r': out += "\\r"; break;
-      case U'\t': out += "\\t"; break;
+      case U'"':
+        out += "\\\"";
+        break;
+      case U'\\':
+        out += "\\\\";
+        break;
+      case U'\b':
+        out += "\\b";
+        break;
+      case U'\f':
+        out += "\\f";
+        break;
+      case U'\n':
+        out += "\\n";
+        break;
+      case U'\r':
+        out += "\\r";
+        break;
+      case U'\t':
+        out += "\\t";
+        break;
       default:
         if (cp < 0x10000) {
           out += "\\u";
@@ -177,8 +194,8 @@ void append_float(std::string& out, double d) {
   // The shortest round-trip digits, then laid out as the host does: positional notation while
   // the decimal point falls between 10^-4 and 10^16, scientific otherwise.
   std::array<char, 64> buf{};
-  const auto [end, ec] = std::to_chars(buf.data(), buf.data() + buf.size(), d,
-                                       std::chars_format::scientific);
+  const auto [end, ec] =
+      std::to_chars(buf.data(), buf.data() + buf.size(), d, std::chars_format::scientific);
   (void)ec;  // 64 characters always suffice for a double
   const std::string_view sci(buf.data(), static_cast<std::size_t>(end - buf.data()));
   const std::size_t e_pos = sci.find('e');

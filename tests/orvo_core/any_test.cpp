@@ -34,11 +34,20 @@ TEST(any, truth_test_follows_the_host) {
     Any value;
     bool truthy;
   } cases[] = {
-      {Any(), false},          {Any(false), false},        {Any(true), true},
-      {Any(0), false},         {Any(-3), true},            {Any(0.0), false},
-      {Any(-0.0), false},      {Any(nan), true},           {Any(""), false},
-      {Any(" "), true},        {Any(List{}), false},       {Any(List{Any()}), true},
-      {Any(Map{}), false},     {Any(map_of({{"a", Any()}})), true},
+      {Any(), false},
+      {Any(false), false},
+      {Any(true), true},
+      {Any(0), false},
+      {Any(-3), true},
+      {Any(0.0), false},
+      {Any(-0.0), false},
+      {Any(nan), true},
+      {Any(""), false},
+      {Any(" "), true},
+      {Any(List{}), false},
+      {Any(List{Any()}), true},
+      {Any(Map{}), false},
+      {Any(map_of({{"a", Any()}})), true},
       {Any(std::make_shared<orvo_core::Chunk>()), true},
   };
   for (const auto& c : cases) EXPECT_EQ(c.value.truthy(), c.truthy) << c.value.repr();

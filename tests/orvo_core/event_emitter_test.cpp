@@ -18,7 +18,8 @@ class Collector : public orvo_core::EventHandler {
  public:
   Collector(std::string name, std::vector<std::string>* log) : name_(std::move(name)), log_(log) {}
   orvo_core::Awaitable<void> handle(Event event) override {
-    log_->push_back(name_ + ":" + event.value + ":" + std::string(orvo_core::to_string(event.type)));
+    log_->push_back(name_ + ":" + event.value + ":" +
+                    std::string(orvo_core::to_string(event.type)));
     co_return;
   }
 
@@ -29,8 +30,8 @@ class Collector : public orvo_core::EventHandler {
 
 TEST(event_emitter, passes_each_event_to_every_handler_in_order) {
   std::vector<std::string> log;
-  orvo_core::EventEmitter emitter({std::make_shared<Collector>("a", &log),
-                                   std::make_shared<Collector>("b", &log)});
+  orvo_core::EventEmitter emitter(
+      {std::make_shared<Collector>("a", &log), std::make_shared<Collector>("b", &log)});
   orvo_core::run_sync(emitter.emit("one", EventLevel::INFO, EventType::DATA));
   orvo_core::run_sync(emitter.emit("two", EventLevel::INFO, EventType::RESPONSE));
   EXPECT_EQ(log, (std::vector<std::string>{"a:one:DATA", "b:one:DATA", "a:two:RESPONSE",

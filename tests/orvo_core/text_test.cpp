@@ -16,10 +16,10 @@ TEST(text, decode_accepts_well_formed_utf8_only) {
       {"a\xc3\xa9", U"a\u00e9"},
       {"\xf0\x9f\x98\x80", U"\U0001F600"},
       {"\xf4\x8f\xbf\xbf", U"\U0010FFFF"},
-      {"\xc0\xaf", U"\xdcc0\xdcaf"},                  // overlong slash
-      {"\xed\xa0\x80", U"\xdced\xdca0\xdc80"},        // encoded surrogate
+      {"\xc0\xaf", U"\xdcc0\xdcaf"},                      // overlong slash
+      {"\xed\xa0\x80", U"\xdced\xdca0\xdc80"},            // encoded surrogate
       {"\xf4\x90\x80\x80", U"\xdcf4\xdc90\xdc80\xdc80"},  // above U+10FFFF
-      {"\xe2\x82", U"\xdce2\xdc82"},                  // truncated
+      {"\xe2\x82", U"\xdce2\xdc82"},                      // truncated
       {"\xe2\x82x", U"\xdce2\xdc82x"},
       {"\xff", U"\xdcff"},
   };

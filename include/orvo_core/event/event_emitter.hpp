@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "orvo_core/any.hpp"
 #include "orvo_core/async.hpp"
 #include "orvo_core/constants.hpp"
 #include "orvo_core/event/event_handler.hpp"
@@ -12,8 +13,8 @@
 namespace orvo_core {
 
 /// The sink of events that a host gives to a component invocation. The default `emit` passes
-/// each event at or above `minimum_level` to every handler in turn; derive and override `emit` to do
-/// something else.
+/// each event at or above `minimum_level` to every handler in turn; derive and override `emit` to
+/// do something else.
 class EventEmitter : public Object {
  public:
   /// An emitter with these handlers that drops events below `minimum_level`.
@@ -26,5 +27,9 @@ class EventEmitter : public Object {
   std::vector<std::shared_ptr<EventHandler>> handlers;  ///< Called in this order.
   EventLevel minimum_level;                             ///< Events below this are dropped.
 };
+
+/// The emitter that an invocation's keyword arguments give under "event_emitter": null when the
+/// key is missing or its value counts as false, a `TypeError` when it is anything else.
+[[nodiscard]] std::shared_ptr<EventEmitter> event_emitter_argument(const Map& kwargs);
 
 }  // namespace orvo_core

@@ -17,10 +17,10 @@ class Chunk : public Object {
   explicit Chunk(std::string content = {}, Map metadata = {}, std::string id = {},
                  std::optional<double> score = std::nullopt);
 
-  std::string id;                ///< Identifier; empty when the producer gave none.
-  std::string content;           ///< The chunk's text.
-  Map metadata;                  ///< Metadata such as "file_name" and "file_url".
-  std::optional<double> score;   ///< Retrieval score, if any.
+  std::string id;               ///< Identifier; empty when the producer gave none.
+  std::string content;          ///< The chunk's text.
+  Map metadata;                 ///< Metadata such as "file_name" and "file_url".
+  std::optional<double> score;  ///< Retrieval score, if any.
 
   /// The fields as a new map, in the order id, content, metadata, score (absent when unset).
   [[nodiscard]] virtual Map model_dump() const;

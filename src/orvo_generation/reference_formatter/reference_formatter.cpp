@@ -101,16 +101,8 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::_run(orvo_core::Kwargs kwargs)
     if (!chunk) throw orvo_core::ValueError(kChunksError);
     chunks.push_back(std::move(chunk));
   }
-  std::shared_ptr<EventEmitter> event_emitter;
-  if (streamable) {
-    const Any emitter_value = orvo_core::get(kwargs, "event_emitter");
-    event_emitter = emitter_value.as<EventEmitter>();
-    // A C++ call needs a real emitter; anything else that counts as given is a caller error.
-    if (!event_emitter && emitter_value.truthy()) {
-      throw orvo_core::TypeError("`event_emitter` must be an EventEmitter, got " +
-                                 emitter_value.type_name());
-    }
-  }
+  std::shared_ptr<EventEmitter> event_emitter =
+      streamable ? orvo_core::event_emitter_argument(kwargs) : nullptr;
   std::string response_text = response->as_string();
   co_return co_await format_reference(std::move(response_text), std::move(chunks),
                                       std::move(event_emitter));

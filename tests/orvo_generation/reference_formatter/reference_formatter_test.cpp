@@ -52,7 +52,9 @@ rf::Chunks abc_chunks() {
           make_chunk("gamma", "C", "c")};
 }
 
-List as_list(const rf::Chunks& chunks) { return List(chunks.begin(), chunks.end()); }
+List as_list(const rf::Chunks& chunks) {
+  return List(chunks.begin(), chunks.end());
+}
 
 Kwargs kwargs_for(const rf::Chunks& chunks, std::shared_ptr<RecordingEmitter> emitter = nullptr) {
   Kwargs kwargs;
@@ -117,8 +119,9 @@ TEST(reference_formatter, constructor_falls_back_to_the_defaults) {
   PickingFormatter with_empty_map(true, {}, {}, Any(Map{}));
   EXPECT_EQ(with_empty_map._format_as_string({chunk}), "References:\n1. [Guide](docs/guide)");
 
-  PickingFormatter with_own_func(true, {}, [](const orvo_core::Chunk& c) { return Any(c.content); },
-                                 Any(metadata({{"title", "nope"}})));
+  PickingFormatter with_own_func(
+      true, {}, [](const orvo_core::Chunk& c) { return Any(c.content); },
+      Any(metadata({{"title", "nope"}})));
   EXPECT_EQ(with_own_func._format_as_string({chunk}), "References:\n1. text");
 
   PickingFormatter with_both(
@@ -149,7 +152,8 @@ TEST(reference_formatter, run_rejects_bad_inputs_with_the_fixed_messages) {
       {"third chunk a string",
        {{"response", "r"}, {"chunks", List{Any(chunk), Any(chunk), Any("x")}}},
        kChunksError},
-      {"an emitter among chunks", {{"response", "r"}, {"chunks", List{Any(not_a_chunk)}}},
+      {"an emitter among chunks",
+       {{"response", "r"}, {"chunks", List{Any(not_a_chunk)}}},
        kChunksError},
   };
   for (const auto& c : cases) {
@@ -188,8 +192,9 @@ TEST(reference_formatter, text_result_is_streamed_as_one_event) {
   const Any result = orvo_core::run_sync(formatter._run(kwargs_for(abc_chunks(), emitter)));
   EXPECT_EQ(result, Any("References:\n1. [A](a)\n2. [B](b)\n3. [C](c)"));
   ASSERT_EQ(emitter->events.size(), 1U);
-  EXPECT_EQ(emitter->events[0].value,
-            R"js({"data_type": "reference", "data_value": "References:\n1. [A](a)\n2. [B](b)\n3. [C](c)"})js");
+  EXPECT_EQ(
+      emitter->events[0].value,
+      R"js({"data_type": "reference", "data_value": "References:\n1. [A](a)\n2. [B](b)\n3. [C](c)"})js");
   EXPECT_EQ(emitter->events[0].level, orvo_core::EventLevel::INFO);
   EXPECT_EQ(emitter->events[0].type, orvo_core::EventType::DATA);
 }
@@ -204,10 +209,11 @@ TEST(reference_formatter, chunk_result_streams_one_dump_per_chunk_in_result_orde
   ASSERT_EQ(result.as_list().size(), 2U);
   EXPECT_EQ(result.as_list()[0].as<orvo_core::Chunk>(), chunks[2]) << "the caller's own chunk";
   EXPECT_EQ(result.as_list()[1].as<orvo_core::Chunk>(), chunks[0]);
-  EXPECT_EQ(emitter->values(),
-            (std::vector<std::string>{
-                R"js({"data_type": "reference", "data_value": "{'id': '', 'content': 'gamma', 'metadata': {'file_name': 'C', 'file_url': 'c'}, 'score': None}"})js",
-                R"js({"data_type": "reference", "data_value": "{'id': '', 'content': 'alpha', 'metadata': {'file_name': 'A', 'file_url': 'a'}, 'score': None}"})js"}));
+  EXPECT_EQ(
+      emitter->values(),
+      (std::vector<std::string>{
+          R"js({"data_type": "reference", "data_value": "{'id': '', 'content': 'gamma', 'metadata': {'file_name': 'C', 'file_url': 'c'}, 'score': None}"})js",
+          R"js({"data_type": "reference", "data_value": "{'id': '', 'content': 'alpha', 'metadata': {'file_name': 'A', 'file_url': 'a'}, 'score': None}"})js"}));
 }
 
 TEST(reference_formatter, nothing_is_streamed_without_references_or_emitter) {
@@ -242,9 +248,10 @@ TEST(reference_formatter, non_ascii_is_escaped_in_the_payload) {
   const auto emitter = std::make_shared<RecordingEmitter>();
   const rf::Chunks chunks{make_chunk("x", "Caf\xc3\xa9 \xe6\x97\xa5", "u")};
   (void)orvo_core::run_sync(formatter._run(kwargs_for(chunks, emitter)));
-  EXPECT_EQ(emitter->values(),
-            std::vector<std::string>{
-                R"js({"data_type": "reference", "data_value": "References:\n1. [Caf\u00e9 \u65e5](u)"})js"});
+  EXPECT_EQ(
+      emitter->values(),
+      std::vector<std::string>{
+          R"js({"data_type": "reference", "data_value": "References:\n1. [Caf\u00e9 \u65e5](u)"})js"});
 }
 
 TEST(reference_formatter, a_failing_emit_stops_the_remaining_events) {
