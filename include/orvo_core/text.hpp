@@ -32,6 +32,10 @@ void append_float(std::string& out, double d);
 /// The number of code points, counting each invalid byte as one.
 [[nodiscard]] std::size_t code_point_count(std::string_view s) noexcept;
 
+/// At most `max_bytes` of `s`, cut at a code-point boundary, with "..." appended when cut: a short
+/// excerpt for error messages.
+[[nodiscard]] std::string excerpt(std::string_view s, std::size_t max_bytes = 120);
+
 /// Whether a code point is printable under Unicode 14.0 (the host's `str.isprintable`).
 [[nodiscard]] bool is_printable(char32_t cp) noexcept;
 

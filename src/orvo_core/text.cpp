@@ -250,6 +250,18 @@ bool is_blank(std::string_view s) noexcept {
   return true;
 }
 
+std::string excerpt(std::string_view s, std::size_t max_bytes) {
+  if (s.size() <= max_bytes) return std::string(s);
+  std::size_t end = 0;
+  while (end < s.size()) {
+    std::size_t next = end;
+    (void)decode(s, next);
+    if (next > max_bytes) break;
+    end = next;
+  }
+  return std::string(s.substr(0, end)) + "...";
+}
+
 std::size_t code_point_count(std::string_view s) noexcept {
   std::size_t count = 0;
   std::size_t pos = 0;

@@ -14,4 +14,11 @@ std::string_view to_string(PromptRole role) noexcept {
   return "unknown";
 }
 
+std::optional<PromptRole> parse_role(std::string_view name) noexcept {
+  for (const PromptRole role : {PromptRole::SYSTEM, PromptRole::USER, PromptRole::ASSISTANT}) {
+    if (name == to_string(role)) return role;
+  }
+  return std::nullopt;
+}
+
 }  // namespace orvo_inference

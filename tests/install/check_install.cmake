@@ -21,4 +21,11 @@ set(expected "References:\n1. [Guide](docs/guide)\n")
 if(NOT rc EQUAL 0 OR NOT out STREQUAL expected)
   message(FATAL_ERROR "consumer printed:\n${out}${err}\nexpected:\n${expected}")
 endif()
-message(STATUS "consumer project built against the installed package and ran")
+
+# The installed tool answers from the sample corpus, offline.
+execute_process(COMMAND "${prefix}/bin/orvo" ask --docs "${DOCS_DIR}" "What causes spring tides?"
+                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT rc EQUAL 0 OR NOT out MATCHES "\nReferences:\n1\\. \\[.+\\]\\(.+\\)")
+  message(FATAL_ERROR "installed orvo printed:\n${out}${err}")
+endif()
+message(STATUS "consumer project built against the installed package and ran; orvo answered")

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -17,6 +18,7 @@ class RecordingEmitter : public orvo_core::EventEmitter {
                                   orvo_core::EventType type) override {
     if (fail_at && *fail_at == calls++) throw std::runtime_error("emit failed");
     orvo_core::Event event{std::move(value), level, type};
+    if (on_emit) on_emit(event);
     events.push_back(std::move(event));
     co_return;
   }
@@ -29,6 +31,7 @@ class RecordingEmitter : public orvo_core::EventEmitter {
   }
 
   std::vector<orvo_core::Event> events;
+  std::function<void(const orvo_core::Event&)> on_emit;  ///< Called as each event arrives.
   std::optional<std::size_t> fail_at;
   std::size_t calls = 0;
 };

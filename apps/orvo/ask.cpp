@@ -1,0 +1,228 @@
+#include "ask.hpp"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <numeric>
+
+#include "corpus.hpp"
+#include "orvo_core/event.hpp"
+#include "orvo_core/json.hpp"
+#include "orvo_core/text.hpp"
+#include "orvo_core/utils/similarity.hpp"
+#include "orvo_generation/reference_formatter.hpp"
+#include "orvo_generation/response_synthesizer.hpp"
+#include "orvo_inference/em_invoker/lexical_em_invoker.hpp"
+#include "orvo_inference/em_invoker/openai_em_invoker.hpp"
+#include "orvo_inference/lm_invoker/openai_lm_invoker.hpp"
+#include "orvo_inference/output_parser/json_output_parser.hpp"
+#include "orvo_inference/request_processor/extractive_request_processor.hpp"
+
+namespace orvo_cli {
+
+using orvo_core::Any;
+using Chunks = std::vector<std::shared_ptr<orvo_core::Chunk>>;
+
+namespace {
+
+constexpr double kOfflineThreshold = 0.3;
+constexpr std::size_t kIndexBatch = 256;
+
+constexpr const char* kAnswerSystem =
+    "You answer questions using only the context below. Answer in a few sentences. If the "
+    "context does not hold the answer, say that you could not find it.\n\nContext:\n{context}";
+constexpr const char* kAnswerUser = "{query}";
+constexpr const char* kJudgeSystem =
+    "You decide which chunks of a context support a response. Each chunk starts with [CHUNK] "
+    "and is labelled with its file_name. Reply with a JSON object only, of the form "
+    "{{\"file_name\": [\"<file_name of a supporting chunk>\", ...]}}, listing every chunk whose "
+    "content supports the response, and an empty list if none does.";
+constexpr const char* kJudgeUser = "Response:\n{response}\n\nContext:\n{context}";
+
+struct Collaborators {
+  std::shared_ptr<orvo_inference::BaseEMInvoker> embedder;
+  std::shared_ptr<orvo_inference::LMRequestProcessor> answerer;
+  std::shared_ptr<orvo_inference::LMRequestProcessor> judge;
+};
+
+Collaborators collaborators(const AskOptions& options) {
+  using orvo_inference::ExtractiveRequestProcessor;
+  if (options.url.empty()) {
+    return {std::make_shared<orvo_inference::LexicalEMInvoker>(),
+            std::make_shared<ExtractiveRequestProcessor>(ExtractiveRequestProcessor::Task::answer),
+            std::make_shared<ExtractiveRequestProcessor>(ExtractiveRequestProcessor::Task::judge)};
+  }
+  const char* key = std::getenv(options.api_key_env.c_str());
+  const std::string api_key = key != nullptr ? key : "";
+  orvo_inference::http::ClientOptions client_options;
+  client_options.read_timeout = options.timeout;
+  const auto client = orvo_inference::http::HttpClient::create(client_options);
+  const auto chat = std::make_shared<orvo_inference::OpenAILMInvoker>(
+      options.chat_model, options.url, api_key, orvo_core::Map{}, client);
+  return {std::make_shared<orvo_inference::OpenAIEMInvoker>(options.embedding_model, options.url,
+                                                            api_key, 64, client),
+          std::make_shared<orvo_inference::LMRequestProcessor>(
+              orvo_inference::PromptTemplate(kAnswerSystem, kAnswerUser), chat),
+          std::make_shared<orvo_inference::LMRequestProcessor>(
+              orvo_inference::PromptTemplate(kJudgeSystem, kJudgeUser), chat,
+              std::make_shared<orvo_inference::JsonOutputParser>())};
+}
+
+// Shows how far indexing has come, on a terminal only and only once it takes a moment.
+class Progress {
+ public:
+  Progress(std::ostream& err, bool enabled) : err_(err), enabled_(enabled && isatty(2) != 0) {}
+  void update(std::size_t done, std::size_t total) {
+    if (!enabled_ || std::chrono::steady_clock::now() - start_ < std::chrono::milliseconds(300)) {
+      return;
+    }
+    err_ << "\rIndexing " << done << '/' << total << " chunks..." << std::flush;
+    shown_ = true;
+  }
+  ~Progress() {
+    if (shown_) err_ << "\r\x1b[K" << std::flush;
+  }
+  Progress(const Progress&) = delete;
+  Progress& operator=(const Progress&) = delete;
+
+ private:
+  std::ostream& err_;
+  bool enabled_;
+  bool shown_ = false;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+// Embeds every chunk, a batch at a time, into one buffer.
+orvo_core::Awaitable<orvo_core::Embeddings> index(
+    std::shared_ptr<orvo_inference::BaseEMInvoker> embedder, const Chunks* chunks,
+    std::ostream* err, bool show_progress) {
+  Progress progress(*err, show_progress);
+  std::vector<float> data;
+  std::size_t dim = 0;
+  for (std::size_t start = 0; start < chunks->size(); start += kIndexBatch) {
+    const std::size_t end = std::min(chunks->size(), start + kIndexBatch);
+    std::vector<std::string_view> texts;
+    for (std::size_t i = start; i < end; ++i) texts.emplace_back((*chunks)[i]->content);
+    const orvo_core::Embeddings batch = co_await embedder->invoke(std::move(texts));
+    if (batch.size() != end - start || (start != 0 && batch.dim() != dim)) {
+      throw std::runtime_error("the embedding model returned embeddings that do not fit");
+    }
+    dim = batch.dim();
+    data.insert(data.end(), batch.data(), batch.data() + batch.size() * dim);
+    progress.update(end, chunks->size());
+  }
+  co_return orvo_core::Embeddings(std::move(data), chunks->size(), dim);
+}
+
+// Several chunks of one file make one reference.
+std::string distinct_references(const orvo_core::List& entries) {
+  orvo_core::List distinct;
+  for (const Any& entry : entries) {
+    if (std::find(distinct.begin(), distinct.end(), entry) == distinct.end()) {
+      distinct.push_back(entry);
+    }
+  }
+  return orvo_generation::reference_formatter::format_references_as_string(distinct);
+}
+
+Chunks top_k(const Chunks& chunks, const std::vector<double>& scores, std::size_t k) {
+  std::vector<std::size_t> order(chunks.size());
+  std::iota(order.begin(), order.end(), 0);
+  std::stable_sort(order.begin(), order.end(),
+                   [&scores](std::size_t a, std::size_t b) { return scores[a] > scores[b]; });
+  Chunks best;
+  for (std::size_t i = 0; i < std::min(k, order.size()); ++i) best.push_back(chunks[order[i]]);
+  return best;
+}
+
+}  // namespace
+
+orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostream* err) {
+  const Chunks chunks = load_corpus(options.docs, ChunkOptions{options.chunk_size});
+  const Collaborators parts = collaborators(options);
+
+  std::shared_ptr<orvo_core::ConsoleHandler> console;
+  std::vector<std::shared_ptr<orvo_core::EventHandler>> handlers;
+  if (options.json) {
+    handlers.push_back(std::make_shared<orvo_core::JsonLinesHandler>(*out));
+  } else {
+    console = std::make_shared<orvo_core::ConsoleHandler>(
+        *out, *err, options.verbose,
+        options.color ? orvo_core::ConsoleHandler::Color::automatic
+                      : orvo_core::ConsoleHandler::Color::never);
+    handlers.push_back(console);
+  }
+  const auto emitter = std::make_shared<orvo_core::EventEmitter>(handlers);
+
+  // Retrieval: the question and the chunks embedded by the same invoker.
+  const orvo_core::Embeddings index_vectors =
+      co_await index(parts.embedder, &chunks, err, !options.json);
+  const orvo_core::Embedding question = co_await parts.embedder->invoke(options.question);
+  const Chunks retrieved = top_k(chunks, orvo_core::cosine(question, index_vectors), options.top_k);
+  if (options.verbose) {
+    std::string message = "Retrieved " + std::to_string(retrieved.size()) + " of " +
+                          std::to_string(chunks.size()) + " chunks:";
+    for (const auto& chunk : retrieved) message += " " + chunk->id;
+    co_await emitter->emit(std::move(message), orvo_core::EventLevel::INFO,
+                           orvo_core::EventType::STATUS);
+  }
+
+  // Synthesis.
+  namespace rs = orvo_generation::response_synthesizer;
+  std::unique_ptr<rs::BaseResponseSynthesizer> synthesizer;
+  orvo_core::Map state;
+  if (options.synthesizer == AskOptions::Synthesizer::stuff) {
+    synthesizer = std::make_unique<rs::StuffResponseSynthesizer>(parts.answerer);
+    std::string context;
+    for (const auto& chunk : retrieved) {
+      if (!context.empty()) context += "\n\n";
+      context += chunk->content;
+    }
+    state.emplace("context", std::move(context));
+  } else {
+    synthesizer = std::make_unique<rs::StaticListResponseSynthesizer>();
+    orvo_core::List items;
+    for (const auto& chunk : retrieved)
+      items.emplace_back(orvo_core::text::excerpt(chunk->content, 200));
+    state.emplace("context_list", std::move(items));
+  }
+  orvo_core::Kwargs synthesis;
+  synthesis.emplace("query", options.question);
+  synthesis.emplace("state_variables", std::move(state));
+  synthesis.emplace("event_emitter", emitter);
+  const Any response = co_await synthesizer->run(std::move(synthesis));
+  if (console) console->finish_line();
+
+  // References.
+  namespace rf = orvo_generation::reference_formatter;
+  std::unique_ptr<rf::BaseReferenceFormatter> formatter;
+  if (options.references == AskOptions::References::similarity) {
+    formatter = std::make_unique<rf::SimilarityBasedReferenceFormatter>(
+        parts.embedder,
+        options.threshold.value_or(options.url.empty() ? kOfflineThreshold : rf::DEFAULT_THRESHOLD),
+        true, distinct_references);
+  } else {
+    formatter = std::make_unique<rf::LMBasedReferenceFormatter>(
+        parts.judge, options.batch_size, rf::DEFAULT_REFERENCE_METADATA, true, distinct_references);
+  }
+  orvo_core::Kwargs citing;
+  citing.emplace("response", response);
+  citing.emplace("chunks", orvo_core::List(retrieved.begin(), retrieved.end()));
+  citing.emplace("event_emitter", emitter);
+  const Any references = co_await formatter->run(std::move(citing));
+
+  if (options.json) {
+    orvo_core::Map result;
+    result.emplace("type", "RESULT");
+    result.emplace("answer", response);
+    result.emplace("references", references);
+    *out << orvo_core::to_json(Any(std::move(result))) << '\n' << std::flush;
+  } else if (!references.truthy()) {
+    *out << "\n(No retrieved chunk was close enough to the answer to cite.)\n" << std::flush;
+  }
+}
+
+}  // namespace orvo_cli

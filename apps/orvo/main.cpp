@@ -1,0 +1,51 @@
+// orvo: answers a question over a set of documents, with references.
+#include <exception>
+#include <iostream>
+#include <string_view>
+#include <vector>
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+
+#include "ask.hpp"
+#include "options.hpp"
+
+int main(int argc, char** argv) {
+  const std::vector<std::string_view> args(argv + 1, argv + argc);
+  try {
+    if (args.empty() || args[0] == "-h" || args[0] == "--help" || args[0] == "help") {
+      std::cout << orvo_cli::usage();
+      return args.empty() ? 2 : 0;
+    }
+    if (args[0] == "--version") {
+      std::cout << "orvo " << ORVO_VERSION << '\n';
+      return 0;
+    }
+    if (args[0] != "ask")
+      throw orvo_cli::UsageError("unknown command '" + std::string(args[0]) + "'");
+    const std::span<const std::string_view> rest(args.data() + 1, args.size() - 1);
+    for (const auto arg : rest) {
+      if (arg == "-h" || arg == "--help") {
+        std::cout << orvo_cli::usage();
+        return 0;
+      }
+    }
+    orvo_cli::AskOptions options = orvo_cli::parse_ask_options(rest);
+
+    boost::asio::io_context context;
+    std::exception_ptr error;
+    boost::asio::co_spawn(context, orvo_cli::ask(std::move(options), &std::cout, &std::cerr),
+                          [&error](std::exception_ptr e) { error = e; });
+    context.run();
+    if (error) std::rethrow_exception(error);
+    return 0;
+  } catch (const orvo_cli::UsageError& e) {
+    std::cout << std::flush;
+    std::cerr << "orvo: " << e.what() << "\n(see orvo --help)\n";
+    return 2;
+  } catch (const std::exception& e) {
+    std::cout << std::flush;
+    std::cerr << "\norvo: error: " << e.what() << '\n';
+    return 1;
+  }
+}

@@ -1,0 +1,120 @@
+#include "options.hpp"
+
+#include <charconv>
+
+namespace orvo_cli {
+namespace {
+
+template <class T>
+T number(std::string_view option, std::string_view text) {
+  T value{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) {
+    throw UsageError(std::string(option) + " expects a number, got '" + std::string(text) + "'");
+  }
+  return value;
+}
+
+}  // namespace
+
+std::string usage() {
+  return R"(usage: orvo ask --docs PATH [options] QUESTION
+
+Answers QUESTION from the documents at PATH and lists the references behind the answer.
+Without --url everything runs offline: lexical embeddings and an extractive answer.
+
+  --docs PATH              a folder of .md and .txt files (searched recursively), one such
+                           file, or a .jsonl file of {"content": ..., "metadata": {...}} lines
+  --url URL                API root of an OpenAI-compatible server, e.g. http://127.0.0.1:8080/v1
+  --chat-model NAME        chat model on the server (default: default)
+  --embedding-model NAME   embedding model on the server (default: default)
+  --api-key-env NAME       environment variable that holds the API key (default: ORVO_API_KEY)
+  --synthesizer KIND       stuff (default) or static-list
+  --references KIND        similarity (default) or lm
+  --threshold X            lowest similarity of a reference (default: 0.5, offline 0.3)
+  --batch-size N           chunks per request of the lm reference judge (default: 5)
+  --top-k N                chunks retrieved for the question (default: 4)
+  --chunk-size N           longest chunk in characters (default: 800)
+  --timeout SECONDS        longest wait for the server (default: 120)
+  --json                   write every event as a line of JSON to standard output
+  --verbose                show progress messages on standard error
+  --no-color               never colour the output
+  -h, --help               show this text
+)";
+}
+
+AskOptions parse_ask_options(std::span<const std::string_view> args) {
+  AskOptions options;
+  bool have_docs = false;
+  for (std::size_t i = 0; i < args.size(); ++i) {
+    const std::string_view arg = args[i];
+    const auto value = [&]() -> std::string_view {
+      if (i + 1 >= args.size()) throw UsageError(std::string(arg) + " needs a value");
+      return args[++i];
+    };
+    if (arg == "--docs") {
+      options.docs = std::string(value());
+      have_docs = true;
+    } else if (arg == "--url") {
+      options.url = value();
+    } else if (arg == "--chat-model") {
+      options.chat_model = value();
+    } else if (arg == "--embedding-model") {
+      options.embedding_model = value();
+    } else if (arg == "--api-key-env") {
+      options.api_key_env = value();
+    } else if (arg == "--synthesizer") {
+      const std::string_view kind = value();
+      if (kind == "stuff") {
+        options.synthesizer = AskOptions::Synthesizer::stuff;
+      } else if (kind == "static-list") {
+        options.synthesizer = AskOptions::Synthesizer::static_list;
+      } else {
+        throw UsageError("--synthesizer is stuff or static-list, not '" + std::string(kind) + "'");
+      }
+    } else if (arg == "--references") {
+      const std::string_view kind = value();
+      if (kind == "similarity") {
+        options.references = AskOptions::References::similarity;
+      } else if (kind == "lm") {
+        options.references = AskOptions::References::lm;
+      } else {
+        throw UsageError("--references is similarity or lm, not '" + std::string(kind) + "'");
+      }
+    } else if (arg == "--threshold") {
+      options.threshold = number<double>(arg, value());
+    } else if (arg == "--batch-size") {
+      options.batch_size = number<std::int64_t>(arg, value());
+      if (options.batch_size < 1) throw UsageError("--batch-size must be at least 1");
+    } else if (arg == "--top-k") {
+      options.top_k = number<std::size_t>(arg, value());
+      if (options.top_k < 1) throw UsageError("--top-k must be at least 1");
+    } else if (arg == "--chunk-size") {
+      options.chunk_size = number<std::size_t>(arg, value());
+      if (options.chunk_size < 40) throw UsageError("--chunk-size must be at least 40");
+    } else if (arg == "--timeout") {
+      const double seconds = number<double>(arg, value());
+      if (!(seconds > 0)) throw UsageError("--timeout must be positive");
+      options.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+    } else if (arg == "--json") {
+      options.json = true;
+    } else if (arg == "--verbose") {
+      options.verbose = true;
+    } else if (arg == "--no-color") {
+      options.color = false;
+    } else if (arg.starts_with("--") || (arg.starts_with("-") && arg.size() > 1)) {
+      throw UsageError("unknown option " + std::string(arg));
+    } else if (options.question.empty()) {
+      options.question = arg;
+    } else {
+      throw UsageError("give the question as one argument (quote it)");
+    }
+  }
+  if (!have_docs) throw UsageError("--docs PATH is required");
+  if (options.question.find_first_not_of(" \t\r\n") == std::string::npos) {
+    throw UsageError("a question is required");
+  }
+  return options;
+}
+
+}  // namespace orvo_cli

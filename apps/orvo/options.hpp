@@ -1,0 +1,50 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace orvo_cli {
+
+/// A command line that cannot be understood; the message says why.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// The settings of `orvo ask`.
+struct AskOptions {
+  enum class Synthesizer { stuff, static_list };
+  enum class References { similarity, lm };
+
+  std::filesystem::path docs;
+  std::string question;
+  std::string url;  ///< API root of an OpenAI-compatible server; empty: offline.
+  std::string chat_model = "default";
+  std::string embedding_model = "default";
+  std::string api_key_env = "ORVO_API_KEY";
+  Synthesizer synthesizer = Synthesizer::stuff;
+  References references = References::similarity;
+  std::optional<double> threshold;  ///< Unset: 0.5 with a server, 0.3 offline.
+  std::int64_t batch_size = 5;
+  std::size_t top_k = 4;
+  std::size_t chunk_size = 800;
+  std::chrono::milliseconds timeout{120'000};
+  bool json = false;
+  bool verbose = false;
+  bool color = true;
+};
+
+/// Parses the arguments that follow `ask`.
+[[nodiscard]] AskOptions parse_ask_options(std::span<const std::string_view> args);
+
+/// The help text.
+[[nodiscard]] std::string usage();
+
+}  // namespace orvo_cli

@@ -1,0 +1,93 @@
+#include "corpus.hpp"
+
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class corpus_files : public testing::Test {
+ protected:
+  void SetUp() override {
+    root_ = fs::temp_directory_path() /
+            ("orvo_corpus_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
+             "_" + ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::remove_all(root_);
+    fs::create_directories(root_ / "sub");
+  }
+  void TearDown() override { fs::remove_all(root_); }
+  fs::path write(const std::string& name, const std::string& text) {
+    const fs::path path = root_ / name;
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+  }
+  fs::path root_;
+};
+
+TEST(corpus, paragraphs_join_up_to_the_limit_and_headings_stay_with_their_text) {
+  const orvo_cli::ChunkOptions options{60};
+  EXPECT_EQ(orvo_cli::split_text("# Title\n\nFirst paragraph.\n\n  \nSecond one.", options),
+            (std::vector<std::string>{"# Title\n\nFirst paragraph.\n\nSecond one."}));
+  const std::string long_sentences =
+      "One sentence that is rather long. Another sentence that is long too. And a third one.";
+  const auto pieces = orvo_cli::split_text(long_sentences, options);
+  ASSERT_EQ(pieces.size(), 2U);
+  EXPECT_EQ(pieces[0], "One sentence that is rather long.");
+  for (const auto& piece :
+       orvo_cli::split_text(std::string(300, 'x') + " " + std::string(10, 'y'), options)) {
+    EXPECT_LE(piece.size(), 60U);
+  }
+  EXPECT_TRUE(orvo_cli::split_text(" \n\n \n", options).empty());
+}
+
+TEST_F(corpus_files, folders_load_recursively_in_name_order_with_path_metadata) {
+  write("b.md", "# B\n\nBee text.");
+  write("a.txt", "Ay text.");
+  write("sub/c.MD", "See text.");
+  write("ignored.pdf", "binary");
+  const auto chunks = orvo_cli::load_corpus(root_);
+  ASSERT_EQ(chunks.size(), 3U);
+  EXPECT_EQ(chunks[0]->content, "Ay text.");
+  EXPECT_EQ(orvo_core::get(chunks[0]->metadata, "file_name"), orvo_core::Any("a.txt"));
+  EXPECT_EQ(orvo_core::get(chunks[2]->metadata, "file_url"),
+            orvo_core::Any((root_ / "sub/c.MD").generic_string()));
+  EXPECT_EQ(chunks[1]->id, (root_ / "b.md").generic_string() + "#1");
+}
+
+TEST_F(corpus_files, json_lines_keep_their_metadata_and_errors_name_the_line) {
+  const auto good = write("docs.jsonl",
+                          "{\"content\": \"One.\", \"metadata\": {\"file_name\": \"x\"}}\n\n"
+                          "{\"content\": \"Two.\"}\n");
+  const auto chunks = orvo_cli::load_corpus(good);
+  ASSERT_EQ(chunks.size(), 2U);
+  EXPECT_EQ(orvo_core::get(chunks[0]->metadata, "file_name"), orvo_core::Any("x"));
+
+  const struct {
+    const char* text;
+    const char* message;
+  } bad[] = {
+      {"{\"content\": \"ok\"}\n{\"content\": oops}\n", "docs.jsonl:2: invalid JSON"},
+      {"[1]\n", "docs.jsonl:1: expected an object with a string \"content\""},
+      {"{\"content\": \"x\", \"metadata\": 3}\n", "docs.jsonl:1: \"metadata\" must be an object"},
+  };
+  for (const auto& c : bad) {
+    const auto path = write("docs.jsonl", c.text);
+    try {
+      (void)orvo_cli::load_corpus(path);
+      ADD_FAILURE() << c.text;
+    } catch (const std::runtime_error& e) {
+      EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
+    }
+  }
+}
+
+TEST_F(corpus_files, missing_and_empty_corpora_are_errors) {
+  EXPECT_THROW((void)orvo_cli::load_corpus(root_ / "nope"), std::runtime_error);
+  EXPECT_THROW((void)orvo_cli::load_corpus(root_), std::runtime_error) << "no text files";
+  EXPECT_THROW((void)orvo_cli::load_corpus(write("empty.jsonl", "\n")), std::runtime_error);
+}
+
+}  // namespace

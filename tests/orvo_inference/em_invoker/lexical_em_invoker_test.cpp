@@ -1,0 +1,55 @@
+#include "orvo_inference/em_invoker/lexical_em_invoker.hpp"
+
+#include <cmath>
+
+#include <gtest/gtest.h>
+
+#include "orvo_core/errors.hpp"
+#include "orvo_core/utils/similarity.hpp"
+
+namespace {
+
+using orvo_inference::LexicalEMInvoker;
+
+double similarity(const LexicalEMInvoker& invoker, std::string_view a, std::string_view b) {
+  return orvo_core::cosine(invoker.embed(a),
+                           orvo_core::Embeddings::from_rows({invoker.embed(b)}))[0];
+}
+
+TEST(lexical_em_invoker, shared_words_score_high_and_function_words_do_not_count) {
+  const LexicalEMInvoker invoker;
+  const double related = similarity(invoker, "What causes spring tides?",
+                                    "Spring tides happen when the sun and moon align.");
+  const double unrelated =
+      similarity(invoker, "What causes spring tides?", "Bread rises because of the yeast.");
+  EXPECT_GT(related, 0.3);
+  EXPECT_LT(std::abs(unrelated), 0.1);
+  EXPECT_NEAR(similarity(invoker, "The Tides", "tide"), 1.0, 1e-6) << "case, plural, 'the'";
+  EXPECT_EQ(LexicalEMInvoker::words("The moon's pull, and tides!"),
+            (std::vector<std::string>{"moon", "pull", "tide"}));
+}
+
+TEST(lexical_em_invoker, vectors_are_unit_length_and_fixed) {
+  const LexicalEMInvoker invoker(64);
+  const auto vector = invoker.embed("high tide at the harbour");
+  double norm2 = 0;
+  for (const float x : vector) norm2 += double{x} * x;
+  EXPECT_NEAR(norm2, 1.0, 1e-6);
+  // A change in hashing, weights or tokenising would change the vector of every stored index.
+  EXPECT_NEAR(vector[0] + 2 * vector[7] + 3 * vector[63], 0.1373605, 1e-6);
+  EXPECT_EQ(invoker.embed(""), std::vector<float>(64, 0.0F));
+  EXPECT_THROW(LexicalEMInvoker(0), orvo_core::ValueError);
+}
+
+TEST(lexical_em_invoker, batches_match_single_texts) {
+  LexicalEMInvoker invoker(32);
+  const std::vector<std::string_view> texts{"moon", "sun and moon", ""};
+  const auto batch = orvo_core::run_sync(invoker.invoke(texts));
+  ASSERT_EQ(batch.size(), 3U);
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const auto single = orvo_core::run_sync(invoker.invoke(std::string(texts[i])));
+    EXPECT_TRUE(std::equal(single.begin(), single.end(), batch[i].begin())) << texts[i];
+  }
+}
+
+}  // namespace

@@ -1,0 +1,127 @@
+#include "orvo_inference/lm_invoker/openai_lm_invoker.hpp"
+
+#include <chrono>
+
+#include <gtest/gtest.h>
+
+#include "orvo_core/json.hpp"
+#include "orvo_inference/errors.hpp"
+#include "support/loopback_server.hpp"
+#include "support/recording_emitter.hpp"
+
+namespace {
+
+using orvo_core::Any;
+using orvo_test::LoopbackServer;
+using orvo_test::Reply;
+using Clock = std::chrono::steady_clock;
+
+const std::vector<orvo_inference::ChatMessage> kMessages{
+    {orvo_inference::PromptRole::USER, Any("Why tides?")}};
+
+std::string chat_reply(const std::string& text) {
+  return R"({"choices": [{"index": 0, "message": {"role": "assistant", "content": )" +
+         orvo_core::to_json(Any(text)) + "}}]}";
+}
+
+std::string delta(const std::string& text) {
+  return "data: {\"choices\": [{\"delta\": {\"content\": " + orvo_core::to_json(Any(text)) +
+         "}}]}\n\n";
+}
+
+orvo_inference::OpenAILMInvoker invoker_for(
+    const LoopbackServer& server, std::string key = "",
+    std::chrono::milliseconds read_timeout = std::chrono::milliseconds(5000)) {
+  orvo_inference::http::ClientOptions options;
+  options.read_timeout = read_timeout;
+  return {"m1", server.url() + "/v1/", std::move(key), orvo_core::Map{},
+          orvo_inference::http::HttpClient::create(options)};
+}
+
+TEST(openai_lm_invoker, plain_reply_with_bearer_key) {
+  LoopbackServer server([](const auto&) { return Reply::json(chat_reply("The moon.")); });
+  auto invoker = invoker_for(server, "sk-test");
+  EXPECT_EQ(orvo_core::run_sync(invoker.invoke(kMessages)), "The moon.");
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 1U);
+  EXPECT_EQ(requests[0].target, "/v1/chat/completions");
+  EXPECT_EQ(requests[0].header("Authorization"), "Bearer sk-test");
+  EXPECT_EQ(
+      requests[0].body,
+      R"({"model": "m1", "messages": [{"role": "user", "content": "Why tides?"}], "stream": false})");
+
+  auto keyless = invoker_for(server);
+  (void)orvo_core::run_sync(keyless.invoke(kMessages));
+  EXPECT_EQ(server.requests()[1].header_count("Authorization"), 0U);
+}
+
+TEST(openai_lm_invoker, streamed_reply_emits_each_delta_as_it_arrives) {
+  LoopbackServer server([](const auto&) {
+    return Reply::stream({"data: {\"choices\": [{\"delta\": {\"role\": \"assistant\"}}]}\n\n",
+                          delta("The"), delta(" moon"), delta("."), "data: [DONE]\n\n"},
+                         std::chrono::milliseconds(60));
+  });
+  auto invoker = invoker_for(server);
+  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
+  Clock::time_point first_event;
+  emitter->on_emit = [&first_event](const orvo_core::Event&) {
+    if (first_event == Clock::time_point{}) first_event = Clock::now();
+  };
+  const std::string text = orvo_core::run_sync(invoker.invoke(kMessages, emitter));
+  const auto done = Clock::now();
+  EXPECT_EQ(text, "The moon.");
+  EXPECT_EQ(emitter->values(), (std::vector<std::string>{"The", " moon", "."}));
+  for (const auto& event : emitter->events) EXPECT_EQ(event.type, orvo_core::EventType::RESPONSE);
+  EXPECT_GT(done - first_event, std::chrono::milliseconds(100)) << "tokens came as they arrived";
+  EXPECT_NE(server.requests()[0].body.find(R"("stream": true)"), std::string::npos);
+}
+
+TEST(openai_lm_invoker, a_server_that_ignores_streaming_still_answers) {
+  LoopbackServer server([](const auto&) { return Reply::json(chat_reply("Whole.")); });
+  auto invoker = invoker_for(server);
+  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
+  EXPECT_EQ(orvo_core::run_sync(invoker.invoke(kMessages, emitter)), "Whole.");
+  EXPECT_EQ(emitter->values(), std::vector<std::string>{"Whole."});
+}
+
+// Expects `Error` from a server that answers `reply`, with `fragment` in its message and never
+// the API key.
+template <class Error>
+void expect_error(const Reply& reply, const char* fragment) {
+  LoopbackServer server([reply](const auto&) { return reply; });
+  auto invoker = invoker_for(server, "sk-secret", std::chrono::milliseconds(300));
+  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
+  try {
+    (void)orvo_core::run_sync(invoker.invoke(kMessages, emitter));
+    ADD_FAILURE() << "no error for " << fragment;
+  } catch (const Error& e) {
+    EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
+    EXPECT_EQ(std::string(e.what()).find("sk-secret"), std::string::npos) << e.what();
+  }
+}
+
+TEST(openai_lm_invoker, failures_have_their_own_errors_and_never_show_the_key) {
+  expect_error<orvo_inference::HttpStatusError>(
+      Reply::json(R"({"error": {"message": "model m1 not found"}})", 404),
+      "HTTP 404: model m1 not found");
+  expect_error<orvo_inference::HttpStatusError>(Reply::json("overloaded", 503),
+                                                "HTTP 503: overloaded");
+  expect_error<orvo_inference::HttpStatusError>(
+      Reply::stream({delta("x"), "data: {\"error\": {\"message\": \"boom\"}}\n\n"},
+                    std::chrono::milliseconds(0)),
+      "boom");
+  expect_error<orvo_inference::MalformedReplyError>(Reply::json(R"({"choices": []})"), "choices");
+  Reply stall;
+  stall.stall = true;
+  expect_error<orvo_inference::TimeoutError>(stall, "");
+  Reply cut = Reply::json(R"({"choices": [)");
+  cut.close_mid_body = true;
+  expect_error<orvo_inference::ConnectionClosedError>(cut, "");
+
+  orvo_inference::OpenAILMInvoker unreachable(
+      "m1", "http://127.0.0.1:" + std::to_string(orvo_test::unused_port()) + "/v1", "sk-secret");
+  EXPECT_THROW((void)orvo_core::run_sync(unreachable.invoke(kMessages)),
+               orvo_inference::ConnectError);
+}
+
+}  // namespace

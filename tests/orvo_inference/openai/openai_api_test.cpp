@@ -1,0 +1,104 @@
+#include "orvo_inference/openai/openai_api.hpp"
+
+#include <gtest/gtest.h>
+
+#include "orvo_core/json.hpp"
+#include "orvo_inference/errors.hpp"
+
+namespace {
+
+namespace openai = orvo_inference::openai;
+using orvo_core::Any;
+
+TEST(openai_api, chat_request_carries_messages_stream_flag_and_parameters) {
+  orvo_core::Map parameters;
+  parameters.emplace("temperature", 0.0);
+  parameters.emplace("stream", "overridden");
+  const std::vector<orvo_inference::ChatMessage> messages{
+      {orvo_inference::PromptRole::SYSTEM, Any("be brief")},
+      {orvo_inference::PromptRole::USER, Any("why?")}};
+  EXPECT_EQ(openai::chat_request_body("m1", messages, true, parameters),
+            R"({"temperature": 0.0, "stream": true, "model": "m1", "messages": )"
+            R"([{"role": "system", "content": "be brief"}, {"role": "user", "content": "why?"}]})");
+}
+
+TEST(openai_api, chat_replies_and_deltas) {
+  EXPECT_EQ(openai::chat_reply_text(
+                R"({"choices": [{"message": {"role": "assistant", "content": "Hi"}}]})"),
+            "Hi");
+  EXPECT_EQ(openai::chat_delta_text(R"({"choices": [{"delta": {"content": "lo"}}]})"), "lo");
+  EXPECT_EQ(openai::chat_delta_text(R"({"choices": [{"delta": {"role": "assistant"}}]})"), "");
+  EXPECT_EQ(openai::chat_delta_text(R"({"choices": [], "usage": {}})"), "");
+  for (const char* bad : {"", "[]", R"({"choices": []})", R"({"choices": [{"message": {}}]})",
+                          R"({"choices": [{"message": {"content": null}}]})"}) {
+    EXPECT_THROW((void)openai::chat_reply_text(bad), orvo_inference::MalformedReplyError) << bad;
+  }
+  EXPECT_THROW((void)openai::chat_delta_text(R"({"error": {"message": "overloaded"}})"),
+               orvo_inference::HttpStatusError);
+}
+
+TEST(openai_api, error_messages_are_the_servers_own) {
+  const struct {
+    const char* body;
+    const char* message;
+  } cases[] = {
+      {R"({"error": {"message": "model not found", "type": "x"}})",
+       "the server answered HTTP 404: model not found"},
+      {R"({"error": "bad key"})", "the server answered HTTP 404: bad key"},
+      {R"({"message": "nope"})", "the server answered HTTP 404: nope"},
+      {"Not Found", "the server answered HTTP 404: Not Found"},
+      {"", "the server answered HTTP 404"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(openai::error_message(404, c.body), c.message);
+}
+
+TEST(openai_api, embeddings_come_back_in_input_order) {
+  const std::vector<std::string_view> texts{"a", "b\"", "c"};
+  EXPECT_EQ(openai::embeddings_request_body("e", texts),
+            R"({"model": "e", "input": ["a", "b\"", "c"]})");
+  std::vector<float> out{9};
+  const std::size_t dim = openai::append_embeddings(
+      R"({"data": [{"index": 2, "embedding": [5, 6]}, {"index": 0, "embedding": [1, 2]},
+                   {"index": 1, "embedding": [3, 4.5]}]})",
+      3, out);
+  EXPECT_EQ(dim, 2U);
+  EXPECT_EQ(out, (std::vector<float>{9, 1, 2, 3, 4.5F, 5, 6}));
+}
+
+TEST(openai_api, embeddings_replies_that_do_not_fit_are_malformed) {
+  for (const char* body : {
+           R"({"data": [{"index": 0, "embedding": [1]}]})",
+           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 0, "embedding": [2]}]})",
+           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 5, "embedding": [2]}]})",
+           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": [2, 3]}]})",
+           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": ["x"]}]})",
+           R"({"data": [{"index": 0, "embedding": []}, {"index": 1, "embedding": []}]})",
+           R"({"error": "x"})",
+           "not json",
+       }) {
+    std::vector<float> out;
+    EXPECT_THROW((void)openai::append_embeddings(body, 2, out), orvo_inference::MalformedReplyError)
+        << body;
+  }
+}
+
+TEST(openai_api, event_stream_parsing_does_not_depend_on_how_bytes_arrive) {
+  const std::string stream =
+      ": keep-alive\r\ndata: {\"a\":1}\r\n\r\nevent: x\ndata: one\ndata: two\n\ndata:[DONE]\n\n";
+  for (std::size_t piece = 1; piece <= stream.size(); ++piece) {
+    openai::EventStreamParser parser;
+    std::vector<std::string> events;
+    for (std::size_t i = 0; i < stream.size(); i += piece)
+      parser.feed(stream.substr(i, piece), events);
+    parser.finish(events);
+    EXPECT_EQ(events, (std::vector<std::string>{"{\"a\":1}", "one\ntwo", "[DONE]"})) << piece;
+  }
+  openai::EventStreamParser unterminated;
+  std::vector<std::string> events;
+  unterminated.feed("data: last", events);
+  EXPECT_TRUE(events.empty());
+  unterminated.finish(events);
+  EXPECT_EQ(events, std::vector<std::string>{"last"});
+}
+
+}  // namespace
