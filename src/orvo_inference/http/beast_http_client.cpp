@@ -567,8 +567,8 @@ class BeastHttpClient final : public HttpClient,
     const unsigned status = parser.get().result_int();
     const bool streamed = observer != nullptr && status >= 200 && status < 300;
     while (!parser.is_done()) {
-      attempt.ec = co_await connection->read_some(&parser);
       connection->tcp().expires_after(options_.read_timeout);
+      attempt.ec = co_await connection->read_some(&parser);
       if (attempt.ec) co_return attempt;
       std::string& body = parser.get().body();
       if (streamed && !body.empty()) {
