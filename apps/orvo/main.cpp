@@ -4,11 +4,9 @@
 #include <string_view>
 #include <vector>
 
-#include <boost/asio/co_spawn.hpp>
-#include <boost/asio/io_context.hpp>
-
 #include "ask.hpp"
 #include "options.hpp"
+#include "orvo_core/async.hpp"
 
 int main(int argc, char** argv) {
   const std::vector<std::string_view> args(argv + 1, argv + argc);
@@ -31,13 +29,7 @@ int main(int argc, char** argv) {
       }
     }
     orvo_cli::AskOptions options = orvo_cli::parse_ask_options(rest);
-
-    boost::asio::io_context context;
-    std::exception_ptr error;
-    boost::asio::co_spawn(context, orvo_cli::ask(std::move(options), &std::cout, &std::cerr),
-                          [&error](std::exception_ptr e) { error = e; });
-    context.run();
-    if (error) std::rethrow_exception(error);
+    orvo_core::run_sync(orvo_cli::ask(std::move(options), &std::cout, &std::cerr));
     return 0;
   } catch (const orvo_cli::UsageError& e) {
     std::cout << std::flush;

@@ -180,6 +180,9 @@ class Any {
 /// `TypeError` (unhashable), and any other key yields absent, as no string key can equal it.
 [[nodiscard]] Any lookup(const Map& map, const Any& key);
 
+/// `lookup` without the copy: a pointer to the value, or null.
+[[nodiscard]] const Any* find_key(const Map& map, const Any& key);
+
 /// A pointer to the value stored under `key`, or null when the key is missing.
 [[nodiscard]] const Any* find(const Map& map, std::string_view key);
 

@@ -295,12 +295,25 @@ Any get(const Map& map, std::string_view key) {
 }
 
 Any lookup(const Map& map, const Any& key) {
-  if (key.is_string()) return get(map, key.as_string());
+  const Any* value = find_key(map, key);
+  return value != nullptr ? *value : Any();
+}
+
+const Any* find_key(const Map& map, const Any& key) {
+  if (key.is_string()) return find(map, key.as_string());
   if (key.is_list() || key.is_map()) throw TypeError("unhashable type: '" + key.type_name() + "'");
-  return {};
+  return nullptr;
 }
 
 const Any* find(const Map& map, std::string_view key) {
+  // Keyword and metadata maps hold a handful of entries: comparing keys in order is faster than
+  // hashing, and touches only the entries.
+  if (map.size() <= 8) {
+    for (const auto& entry : map) {
+      if (entry.first == key) return &entry.second;
+    }
+    return nullptr;
+  }
   const auto it = map.find(key);
   return it != map.end() ? &it->second : nullptr;
 }

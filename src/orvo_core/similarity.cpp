@@ -16,11 +16,35 @@ namespace orvo_core {
 namespace HWY_NAMESPACE {
 namespace hn = hwy::HWY_NAMESPACE;
 
-// Scores `count` rows of `dim` floats against a query that is already widened to double, in
-// one pass per row. Products of two floats are exact in double, so accumulating in double keeps
-// the score accurate to the last few bits whatever the length.
-void CosineRows(const double* query, double query_norm2, const float* rows, std::size_t count,
-                std::size_t dim, double* scores) {
+// Widens the query to double into `widened` and returns its squared length.
+double WidenQuery(const float* query, std::size_t dim, double* widened) {
+  const hn::ScalableTag<double> dd;
+  const hn::Rebind<float, decltype(dd)> df;
+  const std::size_t lanes = hn::Lanes(dd);
+  auto sq0 = hn::Zero(dd), sq1 = hn::Zero(dd);
+  std::size_t j = 0;
+  for (; j + 2 * lanes <= dim; j += 2 * lanes) {
+    const auto q0 = hn::PromoteTo(dd, hn::LoadU(df, query + j));
+    const auto q1 = hn::PromoteTo(dd, hn::LoadU(df, query + j + lanes));
+    hn::StoreU(q0, dd, widened + j);
+    hn::StoreU(q1, dd, widened + j + lanes);
+    sq0 = hn::MulAdd(q0, q0, sq0);
+    sq1 = hn::MulAdd(q1, q1, sq1);
+  }
+  double norm2 = hn::GetLane(hn::SumOfLanes(dd, hn::Add(sq0, sq1)));
+  for (; j < dim; ++j) {
+    widened[j] = query[j];
+    norm2 += widened[j] * widened[j];
+  }
+  return norm2;
+}
+
+// Scores `count` rows of `dim` floats against `query`, in one pass per row. Products of two
+// floats are exact in double, so accumulating in double keeps the score accurate to the last few
+// bits whatever the length.
+void CosineRows(const float* query, std::size_t dim, double* widened, const float* rows,
+                std::size_t count, double* scores) {
+  const double query_norm2 = WidenQuery(query, dim, widened);
   const hn::ScalableTag<double> dd;
   const hn::Rebind<float, decltype(dd)> df;
   const std::size_t lanes = hn::Lanes(dd);
@@ -35,10 +59,10 @@ void CosineRows(const double* query, double query_norm2, const float* rows, std:
       const auto r1 = hn::PromoteTo(dd, hn::LoadU(df, row + j + lanes));
       const auto r2 = hn::PromoteTo(dd, hn::LoadU(df, row + j + 2 * lanes));
       const auto r3 = hn::PromoteTo(dd, hn::LoadU(df, row + j + 3 * lanes));
-      dot0 = hn::MulAdd(hn::LoadU(dd, query + j), r0, dot0);
-      dot1 = hn::MulAdd(hn::LoadU(dd, query + j + lanes), r1, dot1);
-      dot2 = hn::MulAdd(hn::LoadU(dd, query + j + 2 * lanes), r2, dot2);
-      dot3 = hn::MulAdd(hn::LoadU(dd, query + j + 3 * lanes), r3, dot3);
+      dot0 = hn::MulAdd(hn::LoadU(dd, widened + j), r0, dot0);
+      dot1 = hn::MulAdd(hn::LoadU(dd, widened + j + lanes), r1, dot1);
+      dot2 = hn::MulAdd(hn::LoadU(dd, widened + j + 2 * lanes), r2, dot2);
+      dot3 = hn::MulAdd(hn::LoadU(dd, widened + j + 3 * lanes), r3, dot3);
       sq0 = hn::MulAdd(r0, r0, sq0);
       sq1 = hn::MulAdd(r1, r1, sq1);
       sq2 = hn::MulAdd(r2, r2, sq2);
@@ -46,7 +70,7 @@ void CosineRows(const double* query, double query_norm2, const float* rows, std:
     }
     for (; j + lanes <= dim; j += lanes) {
       const auto r0 = hn::PromoteTo(dd, hn::LoadU(df, row + j));
-      dot0 = hn::MulAdd(hn::LoadU(dd, query + j), r0, dot0);
+      dot0 = hn::MulAdd(hn::LoadU(dd, widened + j), r0, dot0);
       sq0 = hn::MulAdd(r0, r0, sq0);
     }
     const auto dots = hn::Add(hn::Add(dot0, dot1), hn::Add(dot2, dot3));
@@ -55,7 +79,7 @@ void CosineRows(const double* query, double query_norm2, const float* rows, std:
     double norm2 = hn::GetLane(hn::SumOfLanes(dd, sqs));
     for (; j < dim; ++j) {
       const double x = row[j];
-      dot += query[j] * x;
+      dot += widened[j] * x;
       norm2 += x * x;
     }
     const double denominator = std::sqrt(query_norm2 * norm2);
@@ -89,14 +113,11 @@ std::vector<double> cosine(std::span<const float> vector, const Embeddings& vect
   }
   std::vector<double> scores(vectors.size(), 0.0);
   if (vectors.empty()) return scores;
-  std::vector<double> query(vector.size());
-  double query_norm2 = 0.0;
-  for (std::size_t j = 0; j < vector.size(); ++j) {
-    query[j] = vector[j];
-    query_norm2 += query[j] * query[j];
-  }
+  // The widened query is scratch space, kept per thread so that small batches do not allocate.
+  thread_local std::vector<double> widened;
+  if (widened.size() < vector.size()) widened.resize(vector.size());
   HWY_DYNAMIC_DISPATCH(CosineRows)
-  (query.data(), query_norm2, vectors.data(), vectors.size(), vectors.dim(), scores.data());
+  (vector.data(), vector.size(), widened.data(), vectors.data(), vectors.size(), scores.data());
   return scores;
 }
 

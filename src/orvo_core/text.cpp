@@ -39,6 +39,13 @@ inline bool is_continuation(unsigned char c) noexcept {
   return (c & 0xC0) == 0x80;
 }
 
+// Bytes that a JSON string holds as they are: printable ASCII but the quote and the backslash.
+constexpr std::array<bool, 256> kJsonPlain = [] {
+  std::array<bool, 256> plain{};
+  for (std::size_t c = 0x20; c < 0x7F; ++c) plain[c] = c != '"' && c != '\\';
+  return plain;
+}();
+
 }  // namespace
 
 char32_t decode(std::string_view s, std::size_t& pos) noexcept {
@@ -137,12 +144,12 @@ void append_json_string(std::string& out, std::string_view s) {
   out.push_back('"');
   std::size_t pos = 0;
   while (pos < s.size()) {
-    const auto c = static_cast<unsigned char>(s[pos]);
-    if (c >= 0x20 && c < 0x7F && c != '"' && c != '\\') {
-      out.push_back(static_cast<char>(c));
-      ++pos;
-      continue;
-    }
+    // Copy the run of bytes that need no escape in one go; most text is such a run.
+    std::size_t end = pos;
+    while (end < s.size() && kJsonPlain[static_cast<unsigned char>(s[end])]) ++end;
+    out.append(s.data() + pos, end - pos);
+    pos = end;
+    if (pos == s.size()) break;
     const char32_t cp = decode(s, pos);
     switch (cp) {
       case U'"':

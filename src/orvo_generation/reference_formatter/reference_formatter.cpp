@@ -1,5 +1,7 @@
 #include "orvo_generation/reference_formatter/reference_formatter.hpp"
 
+#include <charconv>
+#include <typeinfo>
 #include <utility>
 
 #include "orvo_core/constants.hpp"
@@ -45,21 +47,107 @@ std::string format_references_as_string(const List& formatted_chunks) {
   return out;
 }
 
-FormatChunkFunc format_chunk_as_string(Any metadata_map) {
-  return [metadata_map = std::move(metadata_map)](const Chunk& chunk) -> Any {
-    const Map& keys = metadata_map.as_map();
-    const Any title_key = orvo_core::get(keys, "title");
-    const Any url_key = orvo_core::get(keys, "url");
-    Any title = orvo_core::lookup(chunk.metadata, title_key);
-    const Any url = orvo_core::lookup(chunk.metadata, url_key);
-    if (!url.truthy()) return title;
-    std::string entry = "[";
-    title.append_str(entry);
-    entry += "](";
-    url.append_str(entry);
-    entry.push_back(')');
+namespace {
+
+// The default chunk formatter. A named type, so that `_format_as_string` can recognise it and
+// write the reference text directly instead of going through a list of entry values.
+class ChunkReference {
+ public:
+  explicit ChunkReference(Any metadata_map) : metadata_map_(std::move(metadata_map)) {}
+
+  // The chunk's title and address values (null when missing), from the keys the map names now.
+  [[nodiscard]] std::pair<const Any*, const Any*> fields(const Chunk& chunk) const {
+    const Map& keys = metadata_map_.as_map();
+    const Any* title_key = orvo_core::find(keys, "title");
+    const Any* url_key = orvo_core::find(keys, "url");
+    const Any* title =
+        title_key != nullptr ? orvo_core::find_key(chunk.metadata, *title_key) : nullptr;
+    const Any* url = url_key != nullptr ? orvo_core::find_key(chunk.metadata, *url_key) : nullptr;
+    return {title, url};
+  }
+
+  // The entry's text form: "[title](url)", or the title alone when there is no address.
+  static void append(std::string& out, const Any* title, const Any* url) {
+    if (url == nullptr || !url->truthy()) {
+      if (title != nullptr) {
+        title->append_str(out);
+      } else {
+        out += "None";
+      }
+      return;
+    }
+    out.push_back('[');
+    if (title != nullptr) {
+      title->append_str(out);
+    } else {
+      out += "None";
+    }
+    out += "](";
+    url->append_str(out);
+    out.push_back(')');
+  }
+
+  Any operator()(const Chunk& chunk) const {
+    const auto [title, url] = fields(chunk);
+    if (url == nullptr || !url->truthy()) return title != nullptr ? *title : Any();
+    std::string entry;
+    append(entry, title, url);
     return entry;
-  };
+  }
+
+ private:
+  Any metadata_map_;
+};
+
+void append_number(std::string& out, std::size_t n) {
+  char digits[24];
+  const auto [end, error] = std::to_chars(digits, digits + sizeof digits, n);
+  (void)error;  // 24 digits hold any size_t
+  out.append(digits, end);
+}
+
+// The default reference text, written directly. Chunks that sat idle while a large batch of
+// embeddings streamed through the cache are cold: their objects, metadata entries and strings
+// are fetched ahead in independent passes, so that the misses overlap instead of following one
+// another chunk by chunk.
+std::string render_references(const Chunks& chunks, const ChunkReference& reference) {
+  if (chunks.empty()) return {};
+  constexpr std::size_t kPrefetchFrom = 32;
+  const bool prefetch = chunks.size() >= kPrefetchFrom;
+  if (prefetch) {
+    for (const auto& chunk : chunks) __builtin_prefetch(chunk.get());
+    for (const auto& chunk : chunks) {
+      if (chunk->metadata.empty()) continue;
+      const auto* first = reinterpret_cast<const char*>(&*chunk->metadata.begin());
+      __builtin_prefetch(first);
+      __builtin_prefetch(first + 64);
+    }
+  }
+  std::vector<std::pair<const Any*, const Any*>> fields;
+  fields.reserve(chunks.size());
+  for (const auto& chunk : chunks) {
+    fields.push_back(reference.fields(*chunk));
+    if (prefetch) {
+      for (const Any* value : {fields.back().first, fields.back().second}) {
+        if (value != nullptr && value->is_string()) __builtin_prefetch(value->as_string().data());
+      }
+    }
+  }
+  std::string out = "References:";
+  out.reserve(chunks.size() * 96 + 16);
+  for (std::size_t i = 0; i < fields.size(); ++i) {
+    out.push_back('\n');
+    append_number(out, i + 1);
+    out += ". ";
+    ChunkReference::append(out, fields[i].first, fields[i].second);
+  }
+  return out;
+}
+
+}  // namespace
+
+FormatChunkFunc format_chunk_as_string(Any metadata_map) {
+  return ChunkReference(std::move(metadata_map));
 }
 
 std::string reference_payload(std::string_view data_value) {
@@ -97,7 +185,15 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::_run(orvo_core::Kwargs kwargs)
   Chunks chunks;
   chunks.reserve(chunks_value->as_list().size());
   for (const Any& element : chunks_value->as_list()) {
-    auto chunk = element.as<Chunk>();
+    if (!element.is_object()) throw orvo_core::ValueError(kChunksError);
+    const std::shared_ptr<orvo_core::Object>& object = element.as_object();
+    // Exactly a Chunk, the common case, needs no dynamic cast.
+    const orvo_core::Object& referent = *object;
+    if (typeid(referent) == typeid(Chunk)) {
+      chunks.push_back(std::static_pointer_cast<Chunk>(object));
+      continue;
+    }
+    auto chunk = std::dynamic_pointer_cast<Chunk>(object);
     if (!chunk) throw orvo_core::ValueError(kChunksError);
     chunks.push_back(std::move(chunk));
   }
@@ -121,19 +217,21 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::format_reference(
     references = std::move(list);
   }
   if (event_emitter && references.truthy()) {
-    // Every text is built before the first event, so a failing dump emits nothing.
-    std::vector<std::string> streamed_references;
     if (references.is_string()) {
-      streamed_references.push_back(references.as_string());
+      std::string value = reference_payload(references.as_string());
+      co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
+                                   orvo_core::EventType::DATA);
     } else {
+      // Every text is built before the first event, so a failing dump emits nothing.
+      std::vector<std::string> streamed_references;
       for (const Any& chunk : references.as_list()) {
         streamed_references.push_back(Any(chunk.as<Chunk>()->model_dump()).str());
       }
-    }
-    for (const std::string& streamed_reference : streamed_references) {
-      std::string value = reference_payload(streamed_reference);
-      co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
-                                   orvo_core::EventType::DATA);
+      for (const std::string& streamed_reference : streamed_references) {
+        std::string value = reference_payload(streamed_reference);
+        co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
+                                     orvo_core::EventType::DATA);
+      }
     }
   }
   co_return references;
@@ -148,6 +246,14 @@ orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_get_relevant_chunks(std::s
 std::string BaseReferenceFormatter::_format_as_string(const Chunks& chunks) const {
   if (!format_chunk_func) throw orvo_core::TypeError("`format_chunk_func` is not set");
   if (!format_references_func) throw orvo_core::TypeError("`format_references_func` is not set");
+  // With both defaults the text is written directly; the result is the same.
+  using ReferencesFunction = std::string (*)(const List&);
+  const auto* references_function = format_references_func.target<ReferencesFunction>();
+  const auto* chunk_reference = format_chunk_func.target<ChunkReference>();
+  if (chunk_reference != nullptr && references_function != nullptr &&
+      *references_function == &format_references_as_string) {
+    return render_references(chunks, *chunk_reference);
+  }
   List formatted_chunks;
   formatted_chunks.reserve(chunks.size());
   for (const auto& chunk : chunks) formatted_chunks.push_back(format_chunk_func(*chunk));
