@@ -310,7 +310,10 @@ const Any* find(const Map& map, std::string_view key) {
   // hashing, and touches only the entries.
   if (map.size() <= 8) {
     for (const auto& entry : map) {
-      if (entry.first == key) return &entry.second;
+      if (entry.first.size() == key.size() &&
+          std::char_traits<char>::compare(entry.first.data(), key.data(), key.size()) == 0) {
+        return &entry.second;
+      }
     }
     return nullptr;
   }

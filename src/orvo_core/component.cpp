@@ -25,7 +25,7 @@ Awaitable<Any> Component::run(Kwargs kwargs) {
     std::string finish_message = _format_output_event(result);
     co_await emitter->emit(std::move(finish_message), EventLevel::INFO, EventType::STATUS);
   }
-  co_return result;
+  co_return std::move(result);
 }
 
 std::string Component::_format_input_event(const Map& /*input_dict*/) const {

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <iterator>
 #include <system_error>
 
@@ -45,6 +46,39 @@ constexpr std::array<bool, 256> kJsonPlain = [] {
   for (std::size_t c = 0x20; c < 0x7F; ++c) plain[c] = c != '"' && c != '\\';
   return plain;
 }();
+
+// The escape of every ASCII byte that needs one, as the host's serializer writes it.
+const std::array<std::string, 128> kJsonAsciiEscape = [] {
+  std::array<std::string, 128> escape;
+  for (std::size_t c = 0; c < 128; ++c) {
+    if (c < 0x20 || c == 0x7F) {
+      escape[c] = "\\u00";
+      escape[c] += kHex[c >> 4];
+      escape[c] += kHex[c & 0xF];
+    }
+  }
+  escape['"'] = "\\\"";
+  escape['\\'] = "\\\\";
+  escape['\b'] = "\\b";
+  escape['\f'] = "\\f";
+  escape['\n'] = "\\n";
+  escape['\r'] = "\\r";
+  escape['\t'] = "\\t";
+  return escape;
+}();
+
+// Whether any of the 8 bytes at `p` needs an escape: a control byte, the quote, the backslash,
+// DEL or a byte of a non-ASCII character. Word-at-a-time tests, as no byte may be missed.
+inline bool needs_json_escape(const char* p) noexcept {
+  std::uint64_t w;
+  std::memcpy(&w, p, sizeof w);
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
+  constexpr std::uint64_t kHigh = 0x8080808080808080ULL;
+  const auto has_zero = [](std::uint64_t v) { return (v - kOnes) & ~v & kHigh; };
+  const std::uint64_t below_space = (w - 0x20 * kOnes) & ~w & kHigh;
+  return ((w & kHigh) | below_space | has_zero(w ^ (0x22 * kOnes)) | has_zero(w ^ (0x5C * kOnes)) |
+          has_zero(w ^ (0x7F * kOnes))) != 0;
+}
 
 }  // namespace
 
@@ -140,50 +174,35 @@ std::string quoted(std::string_view s) {
 }
 
 void append_json_string(std::string& out, std::string_view s) {
-  out.reserve(out.size() + s.size() + 2);
+  // Room for a few escapes too, so that text with line breaks is not copied again as it grows.
+  out.reserve(out.size() + s.size() + s.size() / 16 + 8);
   out.push_back('"');
+  const char* data = s.data();
   std::size_t pos = 0;
   while (pos < s.size()) {
     // Copy the run of bytes that need no escape in one go; most text is such a run.
     std::size_t end = pos;
-    while (end < s.size() && kJsonPlain[static_cast<unsigned char>(s[end])]) ++end;
-    out.append(s.data() + pos, end - pos);
+    while (end + 8 <= s.size() && !needs_json_escape(data + end)) end += 8;
+    while (end < s.size() && kJsonPlain[static_cast<unsigned char>(data[end])]) ++end;
+    out.append(data + pos, end - pos);
     pos = end;
     if (pos == s.size()) break;
+    const auto byte = static_cast<unsigned char>(data[pos]);
+    if (byte < 0x80) {
+      out += kJsonAsciiEscape[byte];
+      ++pos;
+      continue;
+    }
     const char32_t cp = decode(s, pos);
-    switch (cp) {
-      case U'"':
-        out += "\\\"";
-        break;
-      case U'\\':
-        out += "\\\\";
-        break;
-      case U'\b':
-        out += "\\b";
-        break;
-      case U'\f':
-        out += "\\f";
-        break;
-      case U'\n':
-        out += "\\n";
-        break;
-      case U'\r':
-        out += "\\r";
-        break;
-      case U'\t':
-        out += "\\t";
-        break;
-      default:
-        if (cp < 0x10000) {
-          out += "\\u";
-          append_hex(out, cp, 4);
-        } else {
-          const char32_t v = cp - 0x10000;
-          out += "\\u";
-          append_hex(out, 0xD800 + (v >> 10), 4);
-          out += "\\u";
-          append_hex(out, 0xDC00 + (v & 0x3FF), 4);
-        }
+    if (cp < 0x10000) {
+      out += "\\u";
+      append_hex(out, cp, 4);
+    } else {
+      const char32_t v = cp - 0x10000;
+      out += "\\u";
+      append_hex(out, 0xD800 + (v >> 10), 4);
+      out += "\\u";
+      append_hex(out, 0xDC00 + (v & 0x3FF), 4);
     }
   }
   out.push_back('"');

@@ -7,6 +7,7 @@
 #include "orvo_core/constants.hpp"
 #include "orvo_core/errors.hpp"
 #include "orvo_core/text.hpp"
+#include "orvo_generation/reference_formatter/prefetch.hpp"
 
 namespace orvo_generation::reference_formatter {
 
@@ -112,10 +113,9 @@ void append_number(std::string& out, std::size_t n) {
 // another chunk by chunk.
 std::string render_references(const Chunks& chunks, const ChunkReference& reference) {
   if (chunks.empty()) return {};
-  constexpr std::size_t kPrefetchFrom = 32;
-  const bool prefetch = chunks.size() >= kPrefetchFrom;
+  const bool prefetch = chunks.size() >= detail::kPrefetchFrom;
   if (prefetch) {
-    for (const auto& chunk : chunks) __builtin_prefetch(chunk.get());
+    detail::prefetch_objects(chunks, [](const auto& chunk) { return chunk.get(); });
     for (const auto& chunk : chunks) {
       if (chunk->metadata.empty()) continue;
       const auto* first = reinterpret_cast<const char*>(&*chunk->metadata.begin());
@@ -125,16 +125,20 @@ std::string render_references(const Chunks& chunks, const ChunkReference& refere
   }
   std::vector<std::pair<const Any*, const Any*>> fields;
   fields.reserve(chunks.size());
+  // The text's size, so that it is allocated once: strings as they are, other values guessed.
+  std::size_t size = 16;
   for (const auto& chunk : chunks) {
     fields.push_back(reference.fields(*chunk));
-    if (prefetch) {
-      for (const Any* value : {fields.back().first, fields.back().second}) {
-        if (value != nullptr && value->is_string()) __builtin_prefetch(value->as_string().data());
-      }
+    size += 32;  // number, brackets and a value that is not a string
+    for (const Any* value : {fields.back().first, fields.back().second}) {
+      if (value == nullptr || !value->is_string()) continue;
+      size += value->as_string().size();
+      if (prefetch) __builtin_prefetch(value->as_string().data());
     }
   }
-  std::string out = "References:";
-  out.reserve(chunks.size() * 96 + 16);
+  std::string out;
+  out.reserve(size);
+  out = "References:";
   for (std::size_t i = 0; i < fields.size(); ++i) {
     out.push_back('\n');
     append_number(out, i + 1);
@@ -184,6 +188,9 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::_run(orvo_core::Kwargs kwargs)
   }
   Chunks chunks;
   chunks.reserve(chunks_value->as_list().size());
+  detail::prefetch_objects(chunks_value->as_list(), [](const Any& element) {
+    return element.is_object() ? element.as_object().get() : nullptr;
+  });
   for (const Any& element : chunks_value->as_list()) {
     if (!element.is_object()) throw orvo_core::ValueError(kChunksError);
     const std::shared_ptr<orvo_core::Object>& object = element.as_object();
@@ -234,7 +241,7 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::format_reference(
       }
     }
   }
-  co_return references;
+  co_return std::move(references);
 }
 
 orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_get_relevant_chunks(std::string /*response*/,

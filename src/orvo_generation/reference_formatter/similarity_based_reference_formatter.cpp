@@ -7,6 +7,7 @@
 
 #include "orvo_core/errors.hpp"
 #include "orvo_core/utils/similarity.hpp"
+#include "orvo_generation/reference_formatter/prefetch.hpp"
 
 namespace orvo_generation::reference_formatter {
 
@@ -30,6 +31,9 @@ orvo_core::Awaitable<Chunks> SimilarityBasedReferenceFormatter::_get_relevant_ch
   for (const auto& chunk : chunks) contents.emplace_back(chunk->content);
   const orvo_core::Embeddings content_embeddings = co_await em_invoker->invoke(std::move(contents));
   const std::vector<double> scores = orvo_core::cosine(response_embedding, content_embeddings);
+  // The scan pushed the chunks out of the cache; the kept ones are copied and all of them are
+  // released next.
+  detail::prefetch_objects(chunks, [](const auto& chunk) { return chunk.get(); });
 
   struct Scored {
     double score;
