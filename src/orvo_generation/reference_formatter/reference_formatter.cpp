@@ -56,15 +56,19 @@ class ChunkReference {
  public:
   explicit ChunkReference(Any metadata_map) : metadata_map_(std::move(metadata_map)) {}
 
-  // The chunk's title and address values (null when missing), from the keys the map names now.
-  [[nodiscard]] std::pair<const Any*, const Any*> fields(const Chunk& chunk) const {
-    const Map& keys = metadata_map_.as_map();
-    const Any* title_key = orvo_core::find(keys, "title");
-    const Any* url_key = orvo_core::find(keys, "url");
-    const Any* title =
-        title_key != nullptr ? orvo_core::find_key(chunk.metadata, *title_key) : nullptr;
-    const Any* url = url_key != nullptr ? orvo_core::find_key(chunk.metadata, *url_key) : nullptr;
-    return {title, url};
+  // The metadata keys of the title and the address, as the map names them now (null: none).
+  [[nodiscard]] std::pair<const Any*, const Any*> keys() const {
+    const Map& map = metadata_map_.as_map();
+    return {orvo_core::find(map, "title"), orvo_core::find(map, "url")};
+  }
+
+  // The chunk's title and address values under those keys (null when missing).
+  [[nodiscard]] static std::pair<const Any*, const Any*> fields(
+      const Chunk& chunk, std::pair<const Any*, const Any*> keys) {
+    const auto value = [&chunk](const Any* key) {
+      return key != nullptr ? orvo_core::find_key(chunk.metadata, *key) : nullptr;
+    };
+    return {value(keys.first), value(keys.second)};
   }
 
   // The entry's text form: "[title](url)", or the title alone when there is no address.
@@ -89,7 +93,7 @@ class ChunkReference {
   }
 
   Any operator()(const Chunk& chunk) const {
-    const auto [title, url] = fields(chunk);
+    const auto [title, url] = fields(chunk, keys());
     if (url == nullptr || !url->truthy()) return title != nullptr ? *title : Any();
     std::string entry;
     append(entry, title, url);
@@ -121,14 +125,17 @@ std::string render_references(const Chunks& chunks, const ChunkReference& refere
       const auto* first = reinterpret_cast<const char*>(&*chunk->metadata.begin());
       __builtin_prefetch(first);
       __builtin_prefetch(first + 64);
+      __builtin_prefetch(first + 128);
     }
   }
   std::vector<std::pair<const Any*, const Any*>> fields;
   fields.reserve(chunks.size());
   // The text's size, so that it is allocated once: strings as they are, other values guessed.
   std::size_t size = 16;
+  // Nothing can change the map while the text is written, so its keys are read once.
+  const auto keys = reference.keys();
   for (const auto& chunk : chunks) {
-    fields.push_back(reference.fields(*chunk));
+    fields.push_back(ChunkReference::fields(*chunk, keys));
     size += 32;  // number, brackets and a value that is not a string
     for (const Any* value : {fields.back().first, fields.back().second}) {
       if (value == nullptr || !value->is_string()) continue;
