@@ -10,6 +10,10 @@
 #include <system_error>
 
 namespace orvo_core::text {
+
+// In json_scan.cpp: how many bytes at `data` need no escape in a JSON string.
+std::size_t plain_json_prefix(const char* data, std::size_t size);
+
 namespace {
 
 struct CodePointRange {
@@ -40,13 +44,6 @@ inline bool is_continuation(unsigned char c) noexcept {
   return (c & 0xC0) == 0x80;
 }
 
-// Bytes that a JSON string holds as they are: printable ASCII but the quote and the backslash.
-constexpr std::array<bool, 256> kJsonPlain = [] {
-  std::array<bool, 256> plain{};
-  for (std::size_t c = 0x20; c < 0x7F; ++c) plain[c] = c != '"' && c != '\\';
-  return plain;
-}();
-
 // The escape of every ASCII byte that needs one, as the host's serializer writes it.
 const std::array<std::string, 128> kJsonAsciiEscape = [] {
   std::array<std::string, 128> escape;
@@ -66,19 +63,6 @@ const std::array<std::string, 128> kJsonAsciiEscape = [] {
   escape['\t'] = "\\t";
   return escape;
 }();
-
-// Whether any of the 8 bytes at `p` needs an escape: a control byte, the quote, the backslash,
-// DEL or a byte of a non-ASCII character. Word-at-a-time tests, as no byte may be missed.
-inline bool needs_json_escape(const char* p) noexcept {
-  std::uint64_t w;
-  std::memcpy(&w, p, sizeof w);
-  constexpr std::uint64_t kOnes = 0x0101010101010101ULL;
-  constexpr std::uint64_t kHigh = 0x8080808080808080ULL;
-  const auto has_zero = [](std::uint64_t v) { return (v - kOnes) & ~v & kHigh; };
-  const std::uint64_t below_space = (w - 0x20 * kOnes) & ~w & kHigh;
-  return ((w & kHigh) | below_space | has_zero(w ^ (0x22 * kOnes)) | has_zero(w ^ (0x5C * kOnes)) |
-          has_zero(w ^ (0x7F * kOnes))) != 0;
-}
 
 }  // namespace
 
@@ -181,9 +165,7 @@ void append_json_string(std::string& out, std::string_view s) {
   std::size_t pos = 0;
   while (pos < s.size()) {
     // Copy the run of bytes that need no escape in one go; most text is such a run.
-    std::size_t end = pos;
-    while (end + 8 <= s.size() && !needs_json_escape(data + end)) end += 8;
-    while (end < s.size() && kJsonPlain[static_cast<unsigned char>(data[end])]) ++end;
+    const std::size_t end = pos + plain_json_prefix(data + pos, s.size() - pos);
     out.append(data + pos, end - pos);
     pos = end;
     if (pos == s.size()) break;
