@@ -16,12 +16,6 @@ using orvo_core::Any;
 using orvo_core::List;
 using orvo_core::Map;
 
-Map map_of(std::initializer_list<std::pair<const char*, Any>> entries) {
-  Map map;
-  for (const auto& [key, value] : entries) map.insert_or_assign(key, value);
-  return map;
-}
-
 namespace shapes {
 struct Widget : orvo_core::Object {};
 template <class T>
@@ -47,14 +41,15 @@ TEST(any, truth_test_follows_the_host) {
       {Any(List{}), false},
       {Any(List{Any()}), true},
       {Any(Map{}), false},
-      {Any(map_of({{"a", Any()}})), true},
+      {Any(Map{{"a", Any()}}), true},
       {Any(std::make_shared<orvo_core::Chunk>()), true},
   };
   for (const auto& c : cases) EXPECT_EQ(c.value.truthy(), c.truthy) << c.value.repr();
 }
 
-TEST(any, equality_compares_numbers_by_value_and_containers_by_content) {
+TEST(any, equality_compares_numbers_by_value_containers_by_content_and_objects_by_identity) {
   const auto big = std::int64_t{1} << 53;
+  const auto chunk = std::make_shared<orvo_core::Chunk>("x");
   const struct {
     Any a;
     Any b;
@@ -74,9 +69,11 @@ TEST(any, equality_compares_numbers_by_value_and_containers_by_content) {
       {Any(std::nan("")), Any(std::nan("")), false},
       {Any(List{Any(1), Any("a")}), Any(List{Any(1.0), Any("a")}), true},
       {Any(List{Any(1)}), Any(List{Any(1), Any(2)}), false},
-      {Any(map_of({{"a", 1}, {"b", 2}})), Any(map_of({{"b", 2}, {"a", 1}})), true},
-      {Any(map_of({{"a", 1}})), Any(map_of({{"a", 2}})), false},
+      {Any(Map{{"a", 1}, {"b", 2}}), Any(Map{{"b", 2}, {"a", 1}}), true},
+      {Any(Map{{"a", 1}}), Any(Map{{"a", 2}}), false},
       {Any(List{}), Any(Map{}), false},
+      {Any(chunk), Any(chunk), true},
+      {Any(chunk), Any(std::make_shared<orvo_core::Chunk>("x")), false},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.a == c.b, c.equal) << c.a.repr() << " vs " << c.b.repr();
@@ -84,13 +81,7 @@ TEST(any, equality_compares_numbers_by_value_and_containers_by_content) {
   }
 }
 
-TEST(any, objects_compare_by_identity) {
-  const auto a = std::make_shared<orvo_core::Chunk>("x");
-  const auto b = std::make_shared<orvo_core::Chunk>("x");
-  EXPECT_EQ(Any(a), Any(a));
-  EXPECT_NE(Any(a), Any(b));
-}
-
+// The differential test compares both forms with the host's on generated values.
 TEST(any, text_and_quoted_forms) {
   const struct {
     Any value;
@@ -99,19 +90,12 @@ TEST(any, text_and_quoted_forms) {
   } cases[] = {
       {Any(), "None", "None"},
       {Any(true), "True", "True"},
-      {Any(-42), "-42", "-42"},
-      {Any(0.5), "0.5", "0.5"},
       {Any(1.0), "1.0", "1.0"},
-      {Any(1e-5), "1e-05", "1e-05"},
       {Any(1e16), "1e+16", "1e+16"},
-      {Any("It's"), "It's", R"("It's")"},
       {Any(R"(It's "x")"), R"(It's "x")", R"('It\'s "x"')"},
-      {Any("References:\n1. a"), "References:\n1. a", R"('References:\n1. a')"},
-      {Any(map_of({{"file_name", "Guide"}, {"file_url", Any()}})),
-       "{'file_name': 'Guide', 'file_url': None}", "{'file_name': 'Guide', 'file_url': None}"},
-      {Any(map_of({{"content", "a"}, {"metadata", map_of({{"file_name", "x.pdf"}})}})),
-       "{'content': 'a', 'metadata': {'file_name': 'x.pdf'}}",
-       "{'content': 'a', 'metadata': {'file_name': 'x.pdf'}}"},
+      {Any(Map{{"content", "a"}, {"metadata", Map{{"url", Any()}}}}),
+       "{'content': 'a', 'metadata': {'url': None}}",
+       "{'content': 'a', 'metadata': {'url': None}}"},
       {Any(List{Any("a"), Any(1), Any(List{}), Any(Map{})}), "['a', 1, [], {}]",
        "['a', 1, [], {}]"},
   };
@@ -127,16 +111,10 @@ TEST(any, lists_and_maps_are_shared_between_copies) {
   copy.as_map().insert_or_assign("query", "abc");
   EXPECT_EQ(original.as_map().size(), 1U);
 
-  Map source = map_of({{"a", 1}});
+  Map source = Map{{"a", 1}};
   const Any fresh(source);
   fresh.as_map().insert_or_assign("b", 2);
   EXPECT_EQ(source.size(), 1U) << "constructing from a Map value makes a new container";
-}
-
-TEST(any, assigning_an_existing_key_keeps_its_place) {
-  Map map = map_of({{"context", "c"}, {"query", "old"}, {"extra", 1}});
-  map.insert_or_assign("query", "new");
-  EXPECT_EQ(Any(map).str(), "{'context': 'c', 'query': 'new', 'extra': 1}");
 }
 
 TEST(any, self_containing_containers_render_like_the_host) {
@@ -160,7 +138,7 @@ TEST(any, excessive_nesting_is_an_error_not_a_crash) {
   EXPECT_THROW((void)(deep == Any(List{deep})), orvo_core::ValueError);
 }
 
-TEST(any, checked_accessors_name_both_kinds) {
+TEST(any, checked_accessors_kind_tests_and_type_names) {
   try {
     (void)Any(3).as_string();
     FAIL() << "expected a TypeError";
@@ -171,21 +149,15 @@ TEST(any, checked_accessors_name_both_kinds) {
   EXPECT_THROW((void)Any().as_list(), orvo_core::TypeError);
   EXPECT_THROW(Any(std::numeric_limits<std::uint64_t>::max()), orvo_core::ValueError);
   EXPECT_EQ(Any(std::uint64_t{7}).as_int(), 7);
-}
 
-TEST(any, object_kind_tests_accept_derived_types) {
   struct SpecialChunk : orvo_core::Chunk {};
-  const Any special(std::make_shared<SpecialChunk>());
-  EXPECT_TRUE(special.is<orvo_core::Chunk>());
+  EXPECT_TRUE(Any(std::make_shared<SpecialChunk>()).is<orvo_core::Chunk>());
   EXPECT_FALSE(Any(std::make_shared<shapes::Widget>()).is<orvo_core::Chunk>());
   EXPECT_FALSE(Any("text").is<orvo_core::Chunk>());
   EXPECT_TRUE(Any(std::shared_ptr<orvo_core::Chunk>()).is_none());
-}
 
-TEST(any, type_names_are_the_hosts_and_the_classes_own) {
   EXPECT_EQ(Any().type_name(), "NoneType");
   EXPECT_EQ(Any(Map{}).type_name(), "dict");
-  EXPECT_EQ(Any(std::make_shared<shapes::Widget>()).type_name(), "Widget");
   EXPECT_EQ(Any(std::make_shared<shapes::Boxed<int>>()).type_name(), "Boxed");
   EXPECT_EQ(Any(std::make_shared<shapes::Widget>()).repr(), "<Widget object>");
 }
@@ -194,16 +166,9 @@ TEST(any, length_counts_code_points_elements_and_entries) {
   EXPECT_EQ(orvo_core::length(Any("h\xc3\xa9llo")), 5U);
   EXPECT_EQ(orvo_core::length(Any("\xff\xfe")), 2U);
   EXPECT_EQ(orvo_core::length(Any(List{Any(), Any()})), 2U);
-  EXPECT_EQ(orvo_core::length(Any(map_of({{"a", 1}}))), 1U);
+  EXPECT_EQ(orvo_core::length(Any(Map{{"a", 1}})), 1U);
   EXPECT_THROW((void)orvo_core::length(Any()), orvo_core::TypeError);
   EXPECT_THROW((void)orvo_core::length(Any(5)), orvo_core::TypeError);
-}
-
-TEST(any, get_yields_absent_for_a_missing_key) {
-  const Map map = map_of({{"a", 1}});
-  EXPECT_EQ(orvo_core::get(map, "a"), Any(1));
-  EXPECT_TRUE(orvo_core::get(map, "b").is_none());
-  EXPECT_EQ(orvo_core::find(map, "b"), nullptr);
 }
 
 }  // namespace

@@ -26,16 +26,16 @@ struct RecordedRequest {
   [[nodiscard]] std::size_t header_count(std::string_view name) const;
 };
 
-/// What the loopback server answers. The defaults give a 200 JSON reply with keep-alive.
+/// What the loopback server answers. The defaults give a 200 JSON reply with keep-alive; every
+/// member has one, so a designated initializer names just what differs.
 struct Reply {
   unsigned status = 200;
-  std::string content_type = "application/json";             ///< Left out when empty.
-  std::vector<std::pair<std::string, std::string>> headers;  ///< Extra headers.
-  std::string body;
+  std::string content_type = "application/json";  ///< Left out when empty.
+  std::string body{};
 
   /// When not empty, the body is these pieces instead, each written and flushed on its own with
   /// `piece_delay` between them: chunked, or delimited by closing the connection.
-  std::vector<std::string> pieces;
+  std::vector<std::string> pieces{};
   std::chrono::milliseconds piece_delay{0};
   bool chunked = true;
 
@@ -49,7 +49,7 @@ struct Reply {
   bool close_after = false;
   /// Sent verbatim instead of a formatted reply (status, headers and body are ignored); the
   /// connection is then kept or closed as `keep_alive` and `close_after` say.
-  std::optional<std::string> raw;
+  std::optional<std::string> raw{};
 
   /// A complete JSON reply.
   static Reply json(std::string body, unsigned status = 200);
@@ -61,8 +61,8 @@ struct Reply {
 /// A scripted HTTP/1.1 server on 127.0.0.1 with a free port, running on its own thread.
 ///
 /// It records every request and answers it with what `handler` returns; a handler that throws
-/// gets a 500 with the exception's text. The handler runs on the server's thread. Stopping (or
-/// destroying) the server closes every connection, stalled ones included.
+/// gets a 500 with the exception's text as its body. The handler runs on the server's thread.
+/// Destroying the server closes every connection, stalled ones included.
 class LoopbackServer {
  public:
   using Handler = std::function<Reply(const RecordedRequest&)>;
@@ -79,8 +79,6 @@ class LoopbackServer {
   [[nodiscard]] std::size_t accepted_connections() const;
   /// The requests received so far, in order.
   [[nodiscard]] std::vector<RecordedRequest> requests() const;
-  /// Closes everything and joins the thread; later calls do nothing.
-  void stop();
 
  private:
   struct State;

@@ -478,7 +478,7 @@ class BeastHttpClient final : public HttpClient,
     const bool reused = connection != nullptr;
     if (!connection) connection = co_await connect(url, executor, context);
     Attempt attempt = co_await exchange(connection.get(), &message, observer.get(), head);
-    if (attempt.ec && !attempt.replied && closed_early(attempt.ec)) {
+    if (attempt.ec && reused && !attempt.replied && closed_early(attempt.ec)) {
       connection.reset();
       connection = co_await connect(url, executor, context);
       attempt = co_await exchange(connection.get(), &message, observer.get(), head);

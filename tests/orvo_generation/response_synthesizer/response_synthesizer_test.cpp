@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "orvo_core/errors.hpp"
+#include "orvo_generation/response_synthesizer/stuff_response_synthesizer.hpp"
+#include "support/fake_lm_request_processor.hpp"
 #include "support/recording_emitter.hpp"
 
 namespace {
@@ -16,104 +18,66 @@ using orvo_core::Kwargs;
 using orvo_core::List;
 using orvo_core::Map;
 
-// Records the arguments it is given.
-class RecordingSynthesizer : public rs::BaseResponseSynthesizer {
- public:
-  using BaseResponseSynthesizer::BaseResponseSynthesizer;
-
-  orvo_core::Awaitable<std::string> synthesize_response(
-      Any query, Any state_variables, Any history,
-      std::shared_ptr<orvo_core::EventEmitter> event_emitter, Any system_multimodal_contents,
-      Any user_multimodal_contents) override {
-    args = {query,
-            state_variables,
-            history,
-            Any(event_emitter),
-            system_multimodal_contents,
-            user_multimodal_contents};
-    co_return "response";
+// The base's `_run` seen through the stuff synthesizer, which hands everything to its processor.
+struct Fixture {
+  const orvo_test::FakeLMRequestProcessor::Call& run(Kwargs kwargs) {
+    EXPECT_EQ(orvo_core::run_sync(synthesizer._run(std::move(kwargs))), Any("response"));
+    return processor->calls.back();
   }
 
-  List args;
+  std::shared_ptr<orvo_test::FakeLMRequestProcessor> processor = [] {
+    auto fake = std::make_shared<orvo_test::FakeLMRequestProcessor>();
+    fake->respond = [](const Map& /*prompt*/, std::size_t /*i*/) { return Any("response"); };
+    return fake;
+  }();
+  rs::StuffResponseSynthesizer synthesizer{processor};
 };
 
-TEST(response_synthesizer, run_maps_the_keyword_arguments_in_order) {
-  RecordingSynthesizer synthesizer;
+TEST(response_synthesizer, run_maps_the_keyword_arguments) {
+  Fixture f;
   const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
-  const Any state(Map{});
+  const Any state(Map{{"context", "c"}});
   const Any history(List{});
-  Kwargs kwargs;
-  kwargs.emplace("user_multimodal_contents", "u");
-  kwargs.emplace("event_emitter", emitter);
-  kwargs.emplace("query", "q");
-  kwargs.emplace("system_multimodal_contents", "s");
-  kwargs.emplace("state_variables", state);
-  kwargs.emplace("history", history);
-  kwargs.emplace("unrelated", 1);
-  EXPECT_EQ(orvo_core::run_sync(synthesizer._run(kwargs)), Any("response"));
-  ASSERT_EQ(synthesizer.args.size(), 6U);
-  EXPECT_EQ(synthesizer.args[0], Any("q"));
-  EXPECT_EQ(synthesizer.args[1].map_ptr(), state.map_ptr()) << "the caller's own map";
-  EXPECT_EQ(synthesizer.args[2].list_ptr(), history.list_ptr());
-  EXPECT_EQ(synthesizer.args[3].as<orvo_core::EventEmitter>(), emitter);
-  EXPECT_EQ(synthesizer.args[4], Any("s"));
-  EXPECT_EQ(synthesizer.args[5], Any("u"));
+  const Any system(List{});
+  const Any user(List{});
+  const auto& call = f.run({{"user_multimodal_contents", user},
+                            {"event_emitter", emitter},
+                            {"query", "q"},
+                            {"system_multimodal_contents", system},
+                            {"state_variables", state},
+                            {"history", history},
+                            {"unrelated", 1}});
+  EXPECT_EQ(call.prompt_kwargs, state.map_ptr()) << "the caller's own map";
+  EXPECT_EQ(state.str(), "{'context': 'c', 'query': 'q'}");
+  EXPECT_EQ(call.history.list_ptr(), history.list_ptr());
+  EXPECT_EQ(call.event_emitter, emitter);
+  EXPECT_EQ(call.system_multimodal_contents.list_ptr(), system.list_ptr());
+  EXPECT_EQ(call.user_multimodal_contents.list_ptr(), user.list_ptr());
 
-  EXPECT_EQ(orvo_core::run_sync(synthesizer._run({})), Any("response"));
-  for (const Any& arg : synthesizer.args) EXPECT_TRUE(arg.is_none()) << arg.repr();
+  const auto& bare = f.run({});
+  EXPECT_TRUE(bare.snapshot.empty());
+  EXPECT_TRUE(bare.history.is_none());
+  EXPECT_EQ(bare.event_emitter, nullptr);
+  EXPECT_TRUE(bare.system_multimodal_contents.is_none());
+  EXPECT_TRUE(bare.user_multimodal_contents.is_none());
 }
 
 TEST(response_synthesizer, state_variables_key_wins_over_the_former_name) {
-  RecordingSynthesizer synthesizer;
-  const Any legacy(Map{});
-  Kwargs both;
-  both.emplace("state_variables", Any());
-  both.emplace("variables", legacy);
-  (void)orvo_core::run_sync(synthesizer._run(both));
-  EXPECT_TRUE(synthesizer.args[1].is_none()) << "present but absent still wins";
-
-  Kwargs only_legacy;
-  only_legacy.emplace("variables", legacy);
-  (void)orvo_core::run_sync(synthesizer._run(only_legacy));
-  EXPECT_EQ(synthesizer.args[1].map_ptr(), legacy.map_ptr());
+  Fixture f;
+  const Any legacy(Map{{"context", "c"}});
+  EXPECT_EQ(f.run({{"variables", legacy}}).prompt_kwargs, legacy.map_ptr());
+  EXPECT_NE(f.run({{"variables", legacy}, {"state_variables", Any()}}).prompt_kwargs,
+            legacy.map_ptr())
+      << "present but absent still wins";
 }
 
-TEST(response_synthesizer, streamable_false_withholds_the_emitter) {
-  for (const bool streamable : {true, false}) {
-    RecordingSynthesizer synthesizer(streamable);
-    Kwargs kwargs;
-    kwargs.emplace("event_emitter", std::make_shared<orvo_test::RecordingEmitter>());
-    (void)orvo_core::run_sync(synthesizer._run(kwargs));
-    EXPECT_EQ(synthesizer.args[3].is_object(), streamable);
-  }
-}
-
-TEST(response_synthesizer, messages_quote_the_class_query_and_response) {
-  RecordingSynthesizer synthesizer;
-  const struct {
-    Any query;
-    const char* shown;
-  } cases[] = {
-      {Any(), "None"},
-      {Any("What is RAG?"), "'What is RAG?'"},
-      {Any("It's"), "\"It's\""},
-      {Any("It's \"x\""), "'It\\'s \"x\"'"},
-  };
-  for (const auto& c : cases) {
-    Map input;
-    if (!c.query.is_none()) input.emplace("query", c.query);
-    EXPECT_EQ(synthesizer._format_input_event(input),
-              std::string("[Start 'RecordingSynthesizer'] Processing query: ") + c.shown);
-  }
-  EXPECT_EQ(synthesizer._format_output_event(Any("Here's what I found based your query:\n1. a")),
-            "[Finished 'RecordingSynthesizer'] Successfully synthesized response:\n"
-            "\"Here's what I found based your query:\\n1. a\"");
-}
-
-TEST(response_synthesizer, the_base_operation_is_abstract) {
-  RecordingSynthesizer synthesizer;
+// pipeline_turn_test pins the start and finish messages of a run with a query.
+TEST(response_synthesizer, start_message_without_a_query_and_the_abstract_operation) {
+  Fixture f;
+  EXPECT_EQ(f.synthesizer._format_input_event({}),
+            "[Start 'StuffResponseSynthesizer'] Processing query: None");
   EXPECT_THROW(
-      (void)orvo_core::run_sync(synthesizer.BaseResponseSynthesizer::synthesize_response()),
+      (void)orvo_core::run_sync(f.synthesizer.BaseResponseSynthesizer::synthesize_response()),
       orvo_core::NotImplementedError);
 }
 

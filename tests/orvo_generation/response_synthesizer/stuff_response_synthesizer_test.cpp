@@ -13,10 +13,8 @@ namespace {
 
 namespace rs = orvo_generation::response_synthesizer;
 using orvo_core::Any;
-using orvo_core::Kwargs;
 using orvo_core::List;
 using orvo_core::Map;
-using orvo_test::FakeLMRequestProcessor;
 
 struct Fixture {
   Fixture() {
@@ -25,80 +23,52 @@ struct Fixture {
   std::string synthesize(Any query, Any state_variables) {
     return orvo_core::run_sync(synthesizer.synthesize_response(query, state_variables));
   }
-  const Map& prompt(std::size_t call = 0) const { return *processor->calls.at(call).prompt_kwargs; }
 
-  std::shared_ptr<FakeLMRequestProcessor> processor = std::make_shared<FakeLMRequestProcessor>();
+  std::shared_ptr<orvo_test::FakeLMRequestProcessor> processor =
+      std::make_shared<orvo_test::FakeLMRequestProcessor>();
   rs::StuffResponseSynthesizer synthesizer{processor};
 };
 
-Any map_of(std::initializer_list<std::pair<const char*, Any>> entries) {
-  Map map;
-  for (const auto& [key, value] : entries) map.insert_or_assign(key, value);
-  return map;
-}
-
-TEST(stuff_response_synthesizer, query_is_written_into_the_callers_map) {
+// The query goes into the caller's own map, in place; without a map each call gets a fresh one.
+TEST(stuff_response_synthesizer, the_prompt_is_the_callers_map_with_the_query) {
   Fixture f;
-  const Any state = map_of({{"context", "c"}});
-  EXPECT_EQ(f.synthesize("abc", state), "answer");
-  EXPECT_EQ(f.processor->calls[0].prompt_kwargs, state.map_ptr()) << "not a copy";
-  EXPECT_EQ(state.str(), "{'context': 'c', 'query': 'abc'}");
-}
-
-TEST(stuff_response_synthesizer, a_given_query_replaces_the_old_one_in_place) {
+  const Map old{{"query", "old"}, {"context", "c"}};
   const struct {
+    Any state;
     Any query;
     const char* prompt;
+    bool shared;
   } cases[] = {
-      {Any("new"), "{'query': 'new', 'context': 'c'}"},
-      {Any(), "{'query': 'old', 'context': 'c'}"},
-      {Any(""), "{'query': 'old', 'context': 'c'}"},
+      {Map{{"context", "c"}}, Any("abc"), "{'context': 'c', 'query': 'abc'}", true},
+      {old, Any("new"), "{'query': 'new', 'context': 'c'}", true},
+      {old, Any(), "{'query': 'old', 'context': 'c'}", true},
+      {old, Any(""), "{'query': 'old', 'context': 'c'}", true},
+      {Map{}, Any("q"), "{'query': 'q'}", false},
+      {Any(), Any(), "{}", false},
   };
   for (const auto& c : cases) {
-    Fixture f;
-    (void)f.synthesize(c.query, map_of({{"query", "old"}, {"context", "c"}}));
-    EXPECT_EQ(Any(f.prompt()).str(), c.prompt);
+    SCOPED_TRACE(c.state.repr() + " " + c.query.repr());
+    EXPECT_EQ(f.synthesize(c.query, c.state), "answer");
+    const auto& prompt = f.processor->calls.back().prompt_kwargs;
+    EXPECT_EQ(Any(*prompt).str(), c.prompt);
+    EXPECT_EQ(c.state.is_map() && prompt == c.state.map_ptr(), c.shared);
+    if (c.shared) {
+      EXPECT_EQ(c.state.str(), c.prompt);
+    }
   }
+  EXPECT_EQ(cases[4].state.str(), "{}") << "the caller's empty map stays empty";
 }
 
-TEST(stuff_response_synthesizer, without_state_variables_each_call_gets_a_fresh_map) {
-  Fixture f;
-  const Any empty(Map{});
-  (void)f.synthesize("q", empty);
-  EXPECT_EQ(Any(f.prompt(0)).str(), "{'query': 'q'}");
-  EXPECT_TRUE(empty.as_map().empty()) << "the caller's empty map stays empty";
-  (void)f.synthesize(Any(), Any());
-  (void)f.synthesize(Any(), Any());
-  EXPECT_TRUE(f.prompt(1).empty());
-  EXPECT_NE(f.processor->calls[1].prompt_kwargs, f.processor->calls[2].prompt_kwargs);
-}
-
-TEST(stuff_response_synthesizer, passes_history_emitter_and_contents_unchanged) {
-  Fixture f;
-  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
-  const Any history(List{Any(List{Any("user"), Any("hi")})});
-  const Any system(List{Any("s")});
-  const Any user(List{Any("u")});
-  (void)orvo_core::run_sync(
-      f.synthesizer.synthesize_response(Any("q"), Any(), history, emitter, system, user));
-  const auto& call = f.processor->calls[0];
-  EXPECT_EQ(call.history.list_ptr(), history.list_ptr());
-  EXPECT_EQ(call.event_emitter, emitter);
-  EXPECT_EQ(call.system_multimodal_contents.list_ptr(), system.list_ptr());
-  EXPECT_EQ(call.user_multimodal_contents.list_ptr(), user.list_ptr());
-  EXPECT_TRUE(emitter->events.empty()) << "the synthesizer emits nothing itself";
-}
-
-TEST(stuff_response_synthesizer, streamable_false_withholds_the_emitter_only_through_run) {
+// response_synthesizer_test checks what `_run` passes on.
+TEST(stuff_response_synthesizer, not_streamable_withholds_the_emitter_only_through_run) {
   Fixture f;
   f.synthesizer.streamable = false;
   const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
-  Kwargs kwargs;
-  kwargs.emplace("event_emitter", emitter);
-  (void)orvo_core::run_sync(f.synthesizer._run(kwargs));
-  EXPECT_EQ(f.processor->calls[0].event_emitter, nullptr);
   (void)orvo_core::run_sync(f.synthesizer.synthesize_response(Any(), Any(), Any(), emitter));
-  EXPECT_EQ(f.processor->calls[1].event_emitter, emitter);
+  (void)orvo_core::run_sync(f.synthesizer._run(Map{{"event_emitter", emitter}}));
+  EXPECT_EQ(f.processor->calls[0].event_emitter, emitter);
+  EXPECT_EQ(f.processor->calls[1].event_emitter, nullptr);
+  EXPECT_TRUE(emitter->events.empty()) << "the synthesizer emits nothing itself";
 }
 
 TEST(stuff_response_synthesizer, the_processors_answer_is_the_response) {

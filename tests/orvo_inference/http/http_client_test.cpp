@@ -1,14 +1,15 @@
 // The HTTP client against a scripted server on the loopback interface.
+#include <strings.h>
+
 #include <algorithm>
 #include <chrono>
-#include <cstddef>
-#include <exception>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -20,10 +21,9 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/core/demangle.hpp>
 
 #include "orvo_core/async.hpp"
-#include "orvo_core/errors.hpp"
-#include "orvo_inference/errors.hpp"
 #include "orvo_inference/http/http_client.hpp"
 #include "support/loopback_server.hpp"
 
@@ -42,85 +42,38 @@ using orvo_test::Reply;
 
 constexpr std::string_view secret = "sk-test-9f8e7d6c5b4a";
 
-ClientOptions quick_options() {
-  ClientOptions options;
-  options.connect_timeout = 2s;
-  options.read_timeout = 5s;
-  return options;
-}
+const ClientOptions quick{.connect_timeout = 2s, .read_timeout = 5s};
 
 Request post(std::string url, std::string body = R"({"q":1})") {
-  Request request;
-  request.url = std::move(url);
-  request.body = std::move(body);
-  request.headers.emplace_back("Authorization", "Bearer " + std::string(secret));
-  return request;
+  return {"POST",
+          std::move(url),
+          {{"Authorization", "Bearer " + std::string(secret)}},
+          std::move(body)};
 }
 
-Request get(std::string url) {
-  Request request;
-  request.method = "GET";
-  request.url = std::move(url);
-  return request;
-}
-
-class CollectingObserver : public BodyObserver {
- public:
+struct Observer : BodyObserver {
   Awaitable<void> on_data(std::string_view piece) override {
-    pieces.emplace_back(piece);
+    ++pieces;
+    all += piece;
     if (fail) throw std::runtime_error("the observer gave up");
     if (pause.count() > 0) {
-      const auto executor = co_await boost::asio::this_coro::executor;
-      boost::asio::steady_timer timer(executor);
-      timer.expires_after(pause);
+      boost::asio::steady_timer timer(co_await boost::asio::this_coro::executor, pause);
       co_await timer.async_wait(boost::asio::use_awaitable);
     }
   }
-  std::string joined() const {
-    std::string all;
-    for (const auto& piece : pieces) all += piece;
-    return all;
-  }
-  std::vector<std::string> pieces;
+  std::size_t pieces = 0;
+  std::string all;
   bool fail = false;
   std::chrono::milliseconds pause{0};  // Works this long on each piece.
 };
 
-// What one `send` gave: a response or an error.
+// What one `send` gave.
 struct Outcome {
   std::optional<Response> response;
-  std::exception_ptr error;
+  std::string error = "none";  // Otherwise "<unqualified type>: <message>".
   std::chrono::milliseconds elapsed{0};
   std::size_t idle_after = 0;  // idle_connections() right after it.
 };
-
-std::string kind_of(const std::exception_ptr& error) {
-  if (!error) return "none";
-  try {
-    std::rethrow_exception(error);
-  } catch (const orvo_inference::ConnectError&) {
-    return "ConnectError";
-  } catch (const orvo_inference::TimeoutError&) {
-    return "TimeoutError";
-  } catch (const orvo_inference::ConnectionClosedError&) {
-    return "ConnectionClosedError";
-  } catch (const orvo_inference::MalformedReplyError&) {
-    return "MalformedReplyError";
-  } catch (const orvo_core::ValueError&) {
-    return "ValueError";
-  } catch (const std::exception& other) {
-    return std::string("other: ") + other.what();
-  }
-}
-
-std::string message_of(const std::exception_ptr& error) {
-  if (!error) return "";
-  try {
-    std::rethrow_exception(error);
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-}
 
 Awaitable<Outcome> attempt(std::shared_ptr<HttpClient> client, Request request,
                            std::shared_ptr<BodyObserver> observer) {
@@ -128,8 +81,9 @@ Awaitable<Outcome> attempt(std::shared_ptr<HttpClient> client, Request request,
   const auto start = std::chrono::steady_clock::now();
   try {
     outcome.response = co_await client->send(std::move(request), std::move(observer));
-  } catch (...) {
-    outcome.error = std::current_exception();
+  } catch (const std::exception& e) {
+    const std::string type = boost::core::demangle(typeid(e).name());
+    outcome.error = type.substr(type.rfind(':') + 1) + ": " + e.what();
   }
   outcome.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - start);
@@ -137,248 +91,168 @@ Awaitable<Outcome> attempt(std::shared_ptr<HttpClient> client, Request request,
   co_return outcome;
 }
 
-// Sends one after the other on one event loop, so that kept connections can be reused.
-Awaitable<std::vector<Outcome>> attempt_each(std::shared_ptr<HttpClient> client,
-                                             std::vector<Request> requests) {
-  std::vector<Outcome> outcomes;
-  for (auto& request : requests) {
-    Outcome outcome = co_await attempt(client, std::move(request), nullptr);
-    outcomes.push_back(std::move(outcome));
-  }
-  co_return outcomes;
+// One after the other on one event loop, so that kept connections can be reused.
+std::vector<Outcome> run_each(const std::shared_ptr<HttpClient>& client,
+                              const std::vector<Request>& requests,
+                              const std::shared_ptr<BodyObserver>& observer = nullptr) {
+  return orvo_core::run_sync([&]() -> Awaitable<std::vector<Outcome>> {
+    std::vector<Outcome> outcomes;
+    for (const auto& request : requests) {
+      outcomes.push_back(co_await attempt(client, request, observer));
+    }
+    co_return outcomes;
+  }());
 }
 
 Outcome run_one(const std::shared_ptr<HttpClient>& client, Request request,
                 std::shared_ptr<BodyObserver> observer = nullptr) {
-  return orvo_core::run_sync(attempt(client, std::move(request), std::move(observer)));
+  return run_each(client, {std::move(request)}, std::move(observer)).at(0);
 }
 
-std::vector<Outcome> run_each(const std::shared_ptr<HttpClient>& client,
-                              std::vector<Request> requests) {
-  return orvo_core::run_sync(attempt_each(client, std::move(requests)));
-}
-
-// ---------------------------------------------------------------------------------------------
-
-TEST(http_client, returns_complete_replies_whatever_their_status) {
-  Reply not_found = Reply::json(R"({"error":"no such model"})", 404);
-  Reply overloaded = Reply::json("busy", 503);
-  overloaded.content_type = "text/plain";
-  Reply chunked = Reply::stream({"ab", "cd", "ef"}, 10ms, "text/plain");
-  Reply close_delimited = chunked;
-  close_delimited.chunked = false;
-  Reply empty = Reply::json("", 204);
-  empty.content_type.clear();
-  struct Case {
+// The read timeout (300 ms) bounds each wait, not the whole reply: "streamed" takes 360 ms, and
+// the time the slow observer works on each piece is not waiting.
+TEST(http_client, returns_or_streams_replies_and_keeps_connections_the_reply_allows) {
+  const std::vector<std::string> events = {"data: {\"n\":1}\n\n", "data: {\"n\":2}\n\n",
+                                           "data: {\"n\":3}\n\n", "data: [DONE]\n\n"};
+  const std::vector<std::string> text = {"ab", "cd", "ef"};
+  const std::optional<std::chrono::milliseconds> none;
+  const struct {
     const char* name;
+    std::optional<std::chrono::milliseconds> observer;  // How long it works on each piece.
+    std::string response;                               // Status, content type, body.
+    std::size_t connections;                            // For two requests in a row.
     Reply reply;
-    unsigned status;
-    std::string content_type;
-    std::string body;
-  };
-  const std::vector<Case> cases = {
-      {"json", Reply::json(R"({"ok":true})"), 200, "application/json", R"({"ok":true})"},
-      {"client error", not_found, 404, "application/json", R"({"error":"no such model"})"},
-      {"server error", overloaded, 503, "text/plain", "busy"},
-      {"chunked", chunked, 200, "text/plain", "abcdef"},
-      {"close-delimited", close_delimited, 200, "text/plain", "abcdef"},
-      {"no body", empty, 204, "", ""},
+  } cases[] = {
+      {"json", none, R"(200 application/json {"ok":true})", 1, Reply::json(R"({"ok":true})")},
+      // An error reply is collected, not streamed.
+      {"error", 0ms, R"(404 application/json {"error":"no such model"})", 1,
+       Reply::json(R"({"error":"no such model"})", 404)},
+      {"chunked", none, "200 text/plain abcdef", 1, Reply::stream(text, 10ms, "text/plain")},
+      {"close-delimited", none, "200 text/plain abcdef", 2,
+       Reply{.content_type = "text/plain", .pieces = text, .chunked = false}},
+      {"no body", none, "204  ", 1, Reply{.status = 204, .content_type = ""}},
+      {"connection: close", none, "200 application/json {}", 2,
+       Reply{.body = "{}", .keep_alive = false}},
+      {"streamed", 0ms, "200 text/event-stream ", 1, Reply::stream(events, 120ms)},
+      {"streamed, close-delimited, slow observer", 400ms, "200 text/event-stream ", 2,
+       Reply{.content_type = "text/event-stream",
+             .pieces = events,
+             .piece_delay = 500ms,
+             .chunked = false}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     LoopbackServer server([&](const RecordedRequest&) { return c.reply; });
-    const Outcome outcome = run_one(HttpClient::create(quick_options()), post(server.url()));
-    ASSERT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
-    EXPECT_EQ(outcome.response->status, c.status);
-    EXPECT_EQ(outcome.response->content_type, c.content_type);
-    EXPECT_EQ(outcome.response->body, c.body);
+    const auto client = HttpClient::create({.connect_timeout = 2s, .read_timeout = 300ms});
+    const auto observer = c.observer ? std::make_shared<Observer>() : nullptr;
+    if (observer) observer->pause = *c.observer;
+    for (const auto& outcome :
+         run_each(client, {post(server.url()), post(server.url())}, observer)) {
+      ASSERT_EQ(outcome.error, "none");
+      EXPECT_EQ(std::to_string(outcome.response->status) + " " + outcome.response->content_type +
+                    " " + outcome.response->body,
+                c.response);
+      EXPECT_EQ(outcome.idle_after, c.connections == 1 ? 1U : 0U);
+    }
+    EXPECT_EQ(server.accepted_connections(), c.connections);
+    EXPECT_EQ(client->idle_connections(), 0U) << "its event loop is gone, so is the socket";
+    if (observer) {
+      const bool streamed = c.reply.content_type == "text/event-stream";
+      std::string all;
+      for (const auto& event : events) all += event;
+      EXPECT_EQ(observer->all, streamed ? all + all : "");
+      // Piece by piece as it arrives, not all at the end.
+      EXPECT_EQ(observer->pieces > 2, streamed) << observer->pieces;
+    }
   }
 }
 
 TEST(http_client, sends_method_target_headers_and_body) {
   LoopbackServer server([](const RecordedRequest&) { return Reply::json("{}"); });
-  const std::string by_address = "127.0.0.1:" + std::to_string(server.port());
-
-  Request with_type = post(server.url() + "/v1/chat?stream=true", "a=1");
-  with_type.headers.emplace_back("content-type", "application/x-www-form-urlencoded");
-  with_type.headers.emplace_back("User-Agent", "custom-agent");
-  with_type.headers.emplace_back("Content-Length", "999");  // Must not contradict the body.
-  Request bare = get(server.url());
-  bare.method = "DELETE";
-  Request by_name = get("http://localhost:" + std::to_string(server.port()) + "/by-name");
-
-  const auto outcomes = run_each(HttpClient::create(quick_options()),
-                                 {post(server.url() + "/v1/embeddings"), with_type,
-                                  get(server.url() + "/models"), bare, by_name});
-  for (const auto& outcome : outcomes) {
-    ASSERT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
+  const std::string port = std::to_string(server.port());
+  Request typed = post(server.url() + "/v1/chat?stream=true", "a=1");
+  typed.headers.insert(typed.headers.end(),
+                       {{"content-type", "application/x-www-form-urlencoded"},
+                        {"User-Agent", "custom-agent"},
+                        {"Content-Length", "999"}});  // Must not contradict the body.
+  const auto outcomes = run_each(HttpClient::create(quick),
+                                 {post(server.url() + "/v1/embeddings"),
+                                  typed,
+                                  {"DELETE", "http://localhost:" + port + "/by-name", {}, ""}});
+  for (const auto& outcome : outcomes) EXPECT_EQ(outcome.error, "none");
+  std::vector<std::string> seen;
+  for (const auto& request : server.requests()) {
+    std::string line = request.method + " " + request.target;
+    for (const char* name : {"Host", "Content-Type", "User-Agent", "Content-Length"}) {
+      for (const auto& [key, value] : request.headers) {
+        if (strcasecmp(key.c_str(), name) == 0) line += " | " + key + ": " + value;
+      }
+    }
+    seen.push_back(line + " | " + request.body);
   }
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 5U);
-
-  struct Expect {
-    std::string method, target, host, content_type, user_agent, content_length, body;
-  };
-  const std::vector<Expect> expected = {
-      {"POST", "/v1/embeddings", by_address, "application/json", "orvo", "7", R"({"q":1})"},
-      {"POST", "/v1/chat?stream=true", by_address, "application/x-www-form-urlencoded",
-       "custom-agent", "3", "a=1"},
-      {"GET", "/models", by_address, "", "orvo", "", ""},
-      {"DELETE", "/", by_address, "", "orvo", "", ""},
-      {"GET", "/by-name", "localhost:" + std::to_string(server.port()), "", "orvo", "", ""},
-  };
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    SCOPED_TRACE(i);
-    const auto& got = requests[i];
-    EXPECT_EQ(got.method, expected[i].method);
-    EXPECT_EQ(got.target, expected[i].target);
-    EXPECT_EQ(got.header("Host"), expected[i].host);
-    EXPECT_EQ(got.header("Content-Type"), expected[i].content_type);
-    EXPECT_LE(got.header_count("Content-Type"), 1U);
-    EXPECT_EQ(got.header("User-Agent"), expected[i].user_agent);
-    EXPECT_EQ(got.header_count("User-Agent"), 1U);
-    EXPECT_EQ(got.header("Content-Length"), expected[i].content_length);
-    EXPECT_LE(got.header_count("Content-Length"), 1U);
-    EXPECT_EQ(got.body, expected[i].body);
-  }
-  EXPECT_EQ(requests[0].header("Authorization"), "Bearer " + std::string(secret));
-}
-
-TEST(http_client, hands_a_streamed_body_to_the_observer_as_it_arrives) {
-  const std::vector<std::string> events = {"data: {\"n\":1}\n\n", "data: {\"n\":2}\n\n",
-                                           "data: {\"n\":3}\n\n", "data: [DONE]\n\n"};
-  for (const bool chunked : {true, false}) {
-    SCOPED_TRACE(chunked ? "chunked" : "close-delimited");
-    LoopbackServer server([&](const RecordedRequest&) {
-      Reply reply = Reply::stream(events, 40ms);
-      reply.chunked = chunked;
-      return reply;
-    });
-    const auto observer = std::make_shared<CollectingObserver>();
-    const Outcome outcome =
-        run_one(HttpClient::create(quick_options()), post(server.url()), observer);
-    ASSERT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
-    EXPECT_EQ(outcome.response->status, 200U);
-    EXPECT_EQ(outcome.response->content_type, "text/event-stream");
-    EXPECT_EQ(outcome.response->body, "");
-    EXPECT_GT(observer->pieces.size(), 1U);
-    EXPECT_EQ(observer->joined(), events[0] + events[1] + events[2] + events[3]);
-  }
-}
-
-TEST(http_client, collects_error_replies_instead_of_streaming_them) {
-  LoopbackServer server(
-      [](const RecordedRequest&) { return Reply::json(R"({"error":"rate limited"})", 429); });
-  const auto observer = std::make_shared<CollectingObserver>();
-  const Outcome outcome =
-      run_one(HttpClient::create(quick_options()), post(server.url()), observer);
-  ASSERT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
-  EXPECT_EQ(outcome.response->status, 429U);
-  EXPECT_EQ(outcome.response->body, R"({"error":"rate limited"})");
-  EXPECT_TRUE(observer->pieces.empty());
+  const std::string host = " | Host: 127.0.0.1:" + port;
+  EXPECT_EQ(seen, (std::vector<std::string>{
+                      "POST /v1/embeddings" + host +
+                          " | Content-Type: application/json | User-Agent: orvo"
+                          " | Content-Length: 7 | {\"q\":1}",
+                      "POST /v1/chat?stream=true" + host +
+                          " | content-type: application/x-www-form-urlencoded"
+                          " | User-Agent: custom-agent | Content-Length: 3 | a=1",
+                      "DELETE /by-name | Host: localhost:" + port + " | User-Agent: orvo | "}));
+  EXPECT_EQ(server.requests()[0].header("Authorization"), "Bearer " + std::string(secret));
 }
 
 TEST(http_client, an_observer_error_ends_the_request_and_its_connection) {
   LoopbackServer server([](const RecordedRequest&) { return Reply::stream({"a", "b"}, 20ms); });
-  const auto observer = std::make_shared<CollectingObserver>();
+  const auto observer = std::make_shared<Observer>();
   observer->fail = true;
-  const Outcome outcome =
-      run_one(HttpClient::create(quick_options()), post(server.url()), observer);
-  EXPECT_EQ(kind_of(outcome.error), "other: the observer gave up");
+  const Outcome outcome = run_one(HttpClient::create(quick), post(server.url()), observer);
+  EXPECT_EQ(outcome.error, "runtime_error: the observer gave up");
   EXPECT_EQ(outcome.idle_after, 0U);
-  EXPECT_EQ(observer->pieces.size(), 1U);
+  EXPECT_EQ(observer->pieces, 1U);
 }
 
-TEST(http_client, reuses_a_connection_only_when_the_reply_allows_it) {
-  Reply closing = Reply::json("{}");
-  closing.keep_alive = false;
-  Reply close_delimited = Reply::stream({"x", "y"}, 0ms);
-  close_delimited.chunked = false;
-  struct Case {
-    const char* name;
-    Reply reply;
-    std::size_t connections;
-    std::size_t idle;
-  };
-  const std::vector<Case> cases = {
-      {"keep-alive", Reply::json("{}"), 1, 1},
-      {"keep-alive, chunked", Reply::stream({"x", "y"}, 0ms), 1, 1},
-      {"connection: close", closing, 3, 0},
-      {"close-delimited body", close_delimited, 3, 0},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    LoopbackServer server([&](const RecordedRequest&) { return c.reply; });
-    const auto outcomes = run_each(HttpClient::create(quick_options()),
-                                   {post(server.url()), post(server.url()), post(server.url())});
-    for (const auto& outcome : outcomes) {
-      EXPECT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
-      EXPECT_EQ(outcome.idle_after, c.idle);
-    }
-    EXPECT_EQ(server.accepted_connections(), c.connections);
-    EXPECT_EQ(server.requests().size(), 3U);
-  }
-}
-
-TEST(http_client, replaces_a_kept_connection_that_the_server_closed) {
+TEST(http_client, retries_a_closed_kept_connection_once_and_never_reuses_a_failed_one) {
   LoopbackServer server([](const RecordedRequest& request) {
-    Reply reply = Reply::json(R"({"n":)" + std::to_string(request.connection) + "}");
-    reply.close_after = true;  // Announces keep-alive, then drops the connection.
+    if (request.target == "/hang-up") return Reply{.keep_alive = false, .raw = ""};  // No reply.
+    Reply reply = Reply::json(std::to_string(request.connection));
+    reply.stall = request.target == "/stall";
+    reply.close_mid_body = request.target == "/cut";
+    reply.close_after = request.target == "/drop";  // Announces keep-alive, then closes.
     return reply;
   });
+  const struct {
+    const char* target;
+    const char* error;
+    const char* body;  // The number of the connection that answered.
+    std::size_t idle;
+  } steps[] = {
+      {"/drop", "none", "1", 1},
+      {"/ok", "none", "2", 1},
+      {"/stall", "TimeoutError: ", "", 0},
+      {"/ok", "none", "3", 1},
+      {"/cut", "ConnectionClosedError: ", "", 0},  // Part of the reply came: not retried.
+      {"/ok", "none", "4", 1},
+      {"/hang-up", "ConnectionClosedError: ", "", 0},  // Kept, then once on a fresh connection.
+  };
+  std::vector<Request> requests;
+  for (const auto& step : steps) requests.push_back(post(server.url() + step.target));
   const auto outcomes =
-      run_each(HttpClient::create(quick_options()), {post(server.url()), post(server.url())});
-  ASSERT_EQ(outcomes.size(), 2U);
-  for (const auto& outcome : outcomes) {
-    ASSERT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
+      run_each(HttpClient::create({.connect_timeout = 2s, .read_timeout = 200ms}), requests);
+  for (std::size_t i = 0; i < outcomes.size(); ++i) {
+    SCOPED_TRACE(steps[i].target);
+    EXPECT_TRUE(outcomes[i].error.starts_with(steps[i].error)) << outcomes[i].error;
+    EXPECT_EQ(outcomes[i].response ? outcomes[i].response->body : "", steps[i].body);
+    EXPECT_EQ(outcomes[i].idle_after, steps[i].idle);
   }
-  EXPECT_EQ(outcomes[1].response->body, R"({"n":2})");
-  EXPECT_EQ(server.accepted_connections(), 2U);
-  EXPECT_EQ(server.requests().size(), 2U);
-}
-
-TEST(http_client, retries_on_a_fresh_connection_only_once) {
-  LoopbackServer server([](const RecordedRequest& request) {
-    if (request.target == "/first") return Reply::json("{}");
-    Reply hang_up;  // Closes without a byte of reply, on kept and fresh connections alike.
-    hang_up.raw = "";
-    hang_up.keep_alive = false;
-    return hang_up;
-  });
-  const auto outcomes = run_each(HttpClient::create(quick_options()),
-                                 {post(server.url() + "/first"), post(server.url() + "/second")});
-  ASSERT_EQ(outcomes.size(), 2U);
-  EXPECT_EQ(kind_of(outcomes[0].error), "none");
-  EXPECT_EQ(kind_of(outcomes[1].error), "ConnectionClosedError");
-  EXPECT_EQ(outcomes[1].idle_after, 0U);
-  EXPECT_EQ(server.accepted_connections(), 2U);
-  EXPECT_EQ(server.requests().size(), 3U);  // The first, and the second twice.
+  EXPECT_EQ(server.accepted_connections(), 5U);
+  EXPECT_EQ(server.requests().size(), 8U);
 }
 
 TEST(http_client, failures_raise_their_own_error_without_credentials) {
-  ClientOptions options = quick_options();
-  options.read_timeout = 200ms;
-  options.max_body_bytes = 1000;
-
-  Reply stall;
-  stall.stall = true;
-  Reply late;
-  late.header_delay = 1500ms;
-  Reply mid_body = Reply::json(R"({"partial":)");
-  mid_body.close_mid_body = true;
-  Reply stream_stops = Reply::stream({"data: 1\n\n", "data: 2\n\n"}, 1500ms);
-  Reply hang_up;
-  hang_up.raw = "";
-  hang_up.keep_alive = false;
-  Reply garbage;
-  garbage.raw = "HTTP/1.1 abc nonsense\r\n\r\n";
-  garbage.keep_alive = false;
-  Reply bad_chunk;
-  bad_chunk.raw = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n";
-  bad_chunk.keep_alive = false;
-  Reply oversized = Reply::json(std::string(1001, 'x'));
-  Reply oversized_stream = Reply::stream({std::string(600, 'x'), std::string(600, 'y')}, 0ms);
-
+  const ClientOptions settings{
+      .connect_timeout = 2s, .read_timeout = 200ms, .max_body_bytes = 1000};
+  const Reply cut{.body = R"({"partial":)", .close_mid_body = true};
   struct Case {
     const char* name;
     std::optional<Reply> reply;  // None: the URL's port has no server.
@@ -389,172 +263,82 @@ TEST(http_client, failures_raise_their_own_error_without_credentials) {
   const std::vector<Case> cases = {
       {"refused", std::nullopt, "ConnectError"},
       {"TLS to a plain server", Reply::json("{}"), "ConnectError", false, "https"},
-      {"stall", stall, "TimeoutError"},
-      {"headers too late", late, "TimeoutError"},
-      {"stream pauses too long", stream_stops, "TimeoutError", true},
-      {"closed mid-body", mid_body, "ConnectionClosedError"},
-      {"closed mid-body, streamed", mid_body, "ConnectionClosedError", true},
-      {"closed without reply", hang_up, "ConnectionClosedError"},
-      {"not HTTP", garbage, "MalformedReplyError"},
-      {"bad chunk", bad_chunk, "MalformedReplyError", true},
-      {"body over the limit", oversized, "MalformedReplyError"},
-      {"stream over the limit", oversized_stream, "MalformedReplyError", true},
+      {"stall", Reply{.stall = true}, "TimeoutError"},
+      {"stream pauses too long", Reply::stream({"data: 1\n\n", "data: 2\n\n"}, 1500ms),
+       "TimeoutError", true},
+      {"closed mid-body", cut, "ConnectionClosedError"},
+      {"closed mid-body, streamed", cut, "ConnectionClosedError", true},
+      {"closed without reply", Reply{.keep_alive = false, .raw = ""}, "ConnectionClosedError"},
+      {"not HTTP", Reply{.keep_alive = false, .raw = "HTTP/1.1 abc nonsense\r\n\r\n"},
+       "MalformedReplyError"},
+      {"bad chunk",
+       Reply{.keep_alive = false,
+             .raw = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"},
+       "MalformedReplyError", true},
+      {"body over the limit", Reply::json(std::string(1001, 'x')), "MalformedReplyError"},
+      {"stream over the limit", Reply::stream({std::string(600, 'x'), std::string(600, 'y')}, 0ms),
+       "MalformedReplyError", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     std::optional<LoopbackServer> server;
-    unsigned short port = 0;
-    if (c.reply) {
-      server.emplace([&](const RecordedRequest&) { return *c.reply; });
-      port = server->port();
-    } else {
-      port = orvo_test::unused_port();
-    }
-    const std::string endpoint = "127.0.0.1:" + std::to_string(port);
-    Request request = post(c.scheme + "://" + endpoint + "/v1/chat?key=" + std::string(secret));
-    const auto observer = c.observed ? std::make_shared<CollectingObserver>() : nullptr;
-    const Outcome outcome = run_one(HttpClient::create(options), request, observer);
-
-    EXPECT_EQ(kind_of(outcome.error), c.kind) << message_of(outcome.error);
-    const std::string message = message_of(outcome.error);
-    EXPECT_NE(message.find(endpoint), std::string::npos) << message;
-    EXPECT_EQ(message.find(secret), std::string::npos) << message;
+    if (c.reply) server.emplace([&](const RecordedRequest&) { return *c.reply; });
+    const std::string endpoint =
+        "127.0.0.1:" + std::to_string(server ? server->port() : orvo_test::unused_port());
+    const Outcome outcome =
+        run_one(HttpClient::create(settings),
+                post(c.scheme + "://" + endpoint + "/v1/chat?key=" + std::string(secret)),
+                c.observed ? std::make_shared<Observer>() : nullptr);
+    EXPECT_TRUE(outcome.error.starts_with(c.kind + ": ")) << outcome.error;
+    EXPECT_NE(outcome.error.find(endpoint), std::string::npos) << outcome.error;
+    EXPECT_EQ(outcome.error.find(secret), std::string::npos) << outcome.error;
     EXPECT_EQ(outcome.idle_after, 0U);
     if (c.kind == "TimeoutError") {
-      EXPECT_GE(outcome.elapsed, options.read_timeout);
+      EXPECT_GE(outcome.elapsed, settings.read_timeout);
       EXPECT_LT(outcome.elapsed, 1400ms);  // Well before the server would have gone on.
     }
-    // A fresh connection is never retried.
     if (server && c.scheme == "http") {
-      EXPECT_EQ(server->requests().size(), 1U);
+      EXPECT_EQ(server->requests().size(), 1U) << "a fresh connection is never retried";
     }
   }
-}
-
-TEST(http_client, the_read_timeout_bounds_each_wait_not_the_whole_reply) {
-  ClientOptions options = quick_options();
-  options.read_timeout = 300ms;
-  struct Case {
-    const char* name;
-    std::vector<std::string> pieces;
-    std::chrono::milliseconds server_pause;
-    std::chrono::milliseconds observer_pause;  // Time spent in the observer is not waiting.
-  };
-  // Either way the whole reply takes longer than the read timeout.
-  const std::vector<Case> cases = {
-      {"slow server", {"1", "2", "3", "4", "5", "6", "7"}, 100ms, 0ms},
-      // The next piece comes after the observer is done, so the client really waits for it.
-      {"slow observer", {"1", "2", "3"}, 500ms, 400ms},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    LoopbackServer server(
-        [&](const RecordedRequest&) { return Reply::stream(c.pieces, c.server_pause); });
-    const auto observer = std::make_shared<CollectingObserver>();
-    observer->pause = c.observer_pause;
-    const Outcome outcome = run_one(HttpClient::create(options), post(server.url()), observer);
-    ASSERT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
-    std::string all;
-    for (const auto& piece : c.pieces) all += piece;
-    EXPECT_EQ(observer->joined(), all);
-  }
-}
-
-TEST(http_client, works_again_after_failures) {
-  ClientOptions options = quick_options();
-  options.read_timeout = 200ms;
-  LoopbackServer server([](const RecordedRequest& request) {
-    Reply reply = Reply::json(R"({"ok":true})");
-    if (request.target == "/stall") reply.stall = true;
-    if (request.target == "/cut") reply.close_mid_body = true;
-    return reply;
-  });
-  const auto outcomes = run_each(
-      HttpClient::create(options),
-      {post(server.url() + "/ok"), post(server.url() + "/stall"), post(server.url() + "/ok"),
-       post(server.url() + "/cut"), post(server.url() + "/ok")});
-  ASSERT_EQ(outcomes.size(), 5U);
-  const std::vector<std::string> kinds = {"none", "TimeoutError", "none", "ConnectionClosedError",
-                                          "none"};
-  const std::vector<std::size_t> idle = {1, 0, 1, 0, 1};
-  for (std::size_t i = 0; i < outcomes.size(); ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(kind_of(outcomes[i].error), kinds[i]) << message_of(outcomes[i].error);
-    EXPECT_EQ(outcomes[i].idle_after, idle[i]);
-  }
-  // The connections that failed are not used again: one for /ok then /stall, one for /ok then
-  // /cut, one for the last /ok.
-  EXPECT_EQ(server.accepted_connections(), 3U);
-  EXPECT_EQ(server.requests().size(), 5U);
-}
-
-// Sends `count` copies at once on an event loop run by `threads` threads.
-std::vector<Outcome> run_together(const std::shared_ptr<HttpClient>& client, const Request& request,
-                                  std::size_t count, std::size_t threads) {
-  boost::asio::io_context io;
-  std::vector<Outcome> outcomes(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    auto store = [&outcomes, i](const std::exception_ptr&, Outcome outcome) {
-      outcomes[i] = std::move(outcome);
-    };
-    boost::asio::co_spawn(io, attempt(client, request, nullptr), store);
-  }
-  std::vector<std::thread> helpers;
-  for (std::size_t i = 1; i < threads; ++i) helpers.emplace_back([&io] { io.run(); });
-  io.run();
-  for (auto& helper : helpers) helper.join();
-  return outcomes;
 }
 
 TEST(http_client, keeps_at_most_max_idle_connections_per_host) {
-  LoopbackServer server([](const RecordedRequest&) {
-    Reply reply = Reply::json("{}");
-    reply.header_delay = 50ms;  // All are under way together.
-    return reply;
-  });
-  struct Case {
-    std::size_t max_idle;
-    std::size_t threads;
-  };
-  for (const Case c : {Case{0, 1}, Case{2, 1}, Case{8, 1}, Case{8, 2}}) {
-    SCOPED_TRACE(testing::Message() << c.max_idle << " kept, " << c.threads << " threads");
-    ClientOptions options = quick_options();
-    options.max_idle_connections = c.max_idle;
-    const auto outcomes =
-        run_together(HttpClient::create(options), post(server.url()), 4, c.threads);
+  // All four are under way together.
+  LoopbackServer server([](const RecordedRequest&) { return Reply{.header_delay = 50ms}; });
+  for (const auto& [max_idle, threads] :
+       std::vector<std::pair<std::size_t, std::size_t>>{{0, 1}, {2, 1}, {8, 1}, {8, 2}}) {
+    SCOPED_TRACE(testing::Message() << max_idle << " kept, " << threads << " threads");
+    const auto client = HttpClient::create(
+        {.connect_timeout = 2s, .read_timeout = 5s, .max_idle_connections = max_idle});
+    boost::asio::io_context io;
+    std::vector<Outcome> outcomes(4);
+    for (auto& outcome : outcomes) {
+      boost::asio::co_spawn(
+          io, attempt(client, post(server.url()), nullptr),
+          [&outcome](const std::exception_ptr&, Outcome got) { outcome = std::move(got); });
+    }
+    std::vector<std::thread> helpers;
+    for (std::size_t i = 1; i < threads; ++i) helpers.emplace_back([&io] { io.run(); });
+    io.run();
+    for (auto& helper : helpers) helper.join();
     std::size_t most = 0;
     for (const auto& outcome : outcomes) {
-      EXPECT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
+      EXPECT_EQ(outcome.error, "none");
       most = std::max(most, outcome.idle_after);
     }
-    // The last to finish sees the others returned.
-    EXPECT_EQ(most, std::min<std::size_t>(c.max_idle, 4));
+    EXPECT_EQ(most, std::min<std::size_t>(max_idle, 4))
+        << "the last to finish sees the others returned";
   }
-}
-
-TEST(http_client, drops_kept_connections_when_their_event_loop_ends) {
-  LoopbackServer server([](const RecordedRequest&) { return Reply::json("{}"); });
-  const auto client = HttpClient::create(quick_options());
-  for (int round = 0; round < 2; ++round) {
-    const Outcome outcome = run_one(client, post(server.url()));
-    EXPECT_EQ(kind_of(outcome.error), "none") << message_of(outcome.error);
-    EXPECT_EQ(outcome.idle_after, 1U);
-    EXPECT_EQ(client->idle_connections(), 0U);  // Its loop is gone, so is the socket.
-  }
-  EXPECT_EQ(server.accepted_connections(), 2U);
 }
 
 TEST(http_client, rejects_bad_urls_and_headers_before_connecting) {
   LoopbackServer server([](const RecordedRequest&) { return Reply::json("{}"); });
   const std::string port = std::to_string(server.port());
-  Request bad_value = post(server.url());
-  bad_value.headers.emplace_back("X-Key", std::string(secret) + "\r\nInjected: yes");
-  Request bad_name = post(server.url());
-  bad_name.headers.emplace_back("Bad Name", "x");
-  Request bad_method = post(server.url());
-  bad_method.method = "GET /x HTTP/1.1\r\n";
-
-  std::vector<Request> requests = {bad_value, bad_name, bad_method};
+  std::vector<Request> requests(3, post(server.url()));
+  requests[0].headers.emplace_back("X-Key", std::string(secret) + "\r\nInjected: yes");
+  requests[1].headers.emplace_back("Bad Name", "x");
+  requests[2].method = "GET /x HTTP/1.1\r\n";
   const std::vector<std::string> urls = {
       "127.0.0.1:" + port + "/v1",
       "ftp://127.0.0.1:" + port + "/",
@@ -568,12 +352,11 @@ TEST(http_client, rejects_bad_urls_and_headers_before_connecting) {
       "http://::1:" + port + "/",
       "http://127.0.0.1:" + port + "/a b"};
   for (const auto& url : urls) requests.push_back(post(url));
-  const auto outcomes = run_each(HttpClient::create(quick_options()), requests);
-  ASSERT_EQ(outcomes.size(), requests.size());
+  const auto outcomes = run_each(HttpClient::create(quick), requests);
   for (std::size_t i = 0; i < outcomes.size(); ++i) {
     SCOPED_TRACE(requests[i].url);
-    EXPECT_EQ(kind_of(outcomes[i].error), "ValueError");
-    EXPECT_EQ(message_of(outcomes[i].error).find(secret), std::string::npos);
+    EXPECT_TRUE(outcomes[i].error.starts_with("ValueError: ")) << outcomes[i].error;
+    EXPECT_EQ(outcomes[i].error.find(secret), std::string::npos);
   }
   EXPECT_EQ(server.accepted_connections(), 0U);
 }
@@ -585,27 +368,22 @@ TEST(http_client, connect_failures_name_the_host) {
       io, boost::asio::ip::tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
   const std::string silent_port = std::to_string(silent.local_endpoint().port());
   const std::string free_port = std::to_string(orvo_test::unused_port());
-  struct Case {
+  const struct {
     std::string url;
     std::chrono::milliseconds connect_timeout;
-    std::string kind;
-    std::string names;
-  };
-  const std::vector<Case> cases = {
-      {"https://127.0.0.1:" + silent_port + "/", 200ms, "TimeoutError",
-       "127.0.0.1:" + silent_port + " within 200 ms"},
-      {"http://[::1]:" + free_port + "/", 5s, "ConnectError", "[::1]:" + free_port},
+    std::string error;
+  } cases[] = {
+      {"https://127.0.0.1:" + silent_port + "/", 200ms,
+       "TimeoutError: cannot connect to 127.0.0.1:" + silent_port + " within 200 ms"},
+      {"http://[::1]:" + free_port + "/", 5s, "ConnectError: cannot connect to [::1]:" + free_port},
       // The .invalid domain never resolves.
-      {"http://nonexistent.invalid/", 5s, "ConnectError", "nonexistent.invalid:80"},
+      {"http://nonexistent.invalid/", 5s, "ConnectError: cannot connect to nonexistent.invalid:80"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
-    ClientOptions options = quick_options();
-    options.connect_timeout = c.connect_timeout;
-    const Outcome outcome = run_one(HttpClient::create(options), post(c.url));
-    EXPECT_EQ(kind_of(outcome.error), c.kind) << message_of(outcome.error);
-    EXPECT_NE(message_of(outcome.error).find(c.names), std::string::npos)
-        << message_of(outcome.error);
+    const Outcome outcome =
+        run_one(HttpClient::create({.connect_timeout = c.connect_timeout}), post(c.url));
+    EXPECT_TRUE(outcome.error.starts_with(c.error)) << outcome.error;
     EXPECT_LT(outcome.elapsed, c.connect_timeout + 1s);
   }
 }
