@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  g++ cmake ninja-build python3
+  g++ cmake ninja-build python3 clang-14 libclang-rt-14-dev
   libboost1.81-dev libboost-json1.81-dev libtsl-ordered-map-dev libhwy-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
 )

@@ -173,6 +173,10 @@ class Any {
   Variant v_;
 };
 
+/// Appends the quoted form of a map held directly (a chunk's metadata, say), so that a map that
+/// holds, through other values, the object it belongs to prints as {...} where it recurs.
+void append_repr(std::string& out, const Map& map);
+
 /// The value stored under `key`, or absent when the key is missing (the host's `dict.get`).
 [[nodiscard]] Any get(const Map& map, std::string_view key);
 

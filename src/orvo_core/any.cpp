@@ -23,9 +23,19 @@ constexpr std::size_t kMaxDepth = 1000;
 
 // Renders values; remembers the containers being rendered so that a container that holds
 // itself prints as [...] or {...} instead of recursing forever.
+// The containers being rendered on this thread. It is shared by nested renderers, so that a
+// container reached again through an object's own quoted form (a chunk whose metadata holds the
+// chunk) prints as [...] or {...} instead of recursing until the stack runs out.
+thread_local std::vector<const void*> active_containers;
+
 class Renderer {
  public:
-  explicit Renderer(std::string& out) : out_(out) {}
+  explicit Renderer(std::string& out)
+      : out_(out), active_(active_containers), base_(active_containers.size()) {}
+  Renderer(const Renderer&) = delete;
+  Renderer& operator=(const Renderer&) = delete;
+  // An error in the middle of a value leaves the list as this renderer found it.
+  ~Renderer() { active_.resize(base_); }
 
   void render(const Any& value, bool quoted) {
     switch (value.kind()) {
@@ -59,6 +69,8 @@ class Renderer {
         return;
     }
   }
+
+  void render(const Map& map) { render_map(map); }
 
  private:
   bool enter(const void* container) {
@@ -101,7 +113,8 @@ class Renderer {
   }
 
   std::string& out_;
-  std::vector<const void*> active_;
+  std::vector<const void*>& active_;
+  std::size_t base_;
 };
 
 // Exact comparison of an integer with a floating-point number, as the host does it (no
@@ -244,6 +257,10 @@ bool Any::truthy() const noexcept {
 
 void Any::append_str(std::string& out) const {
   Renderer(out).render(*this, false);
+}
+
+void append_repr(std::string& out, const Map& map) {
+  Renderer(out).render(map);
 }
 
 void Any::append_repr(std::string& out) const {

@@ -24,7 +24,7 @@ std::string Chunk::repr() const {
   out += ", content=";
   text::append_quoted(out, content);
   out += ", metadata=";
-  Any(std::make_shared<Map>(metadata)).append_repr(out);
+  append_repr(out, metadata);
   out += ", score=";
   (score ? Any(*score) : Any()).append_repr(out);
   out += ')';

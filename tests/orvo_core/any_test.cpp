@@ -126,9 +126,16 @@ TEST(any, self_containing_containers_render_like_the_host) {
   map.as_map().insert_or_assign("self", map);
   EXPECT_EQ(map.str(), "{'self': {...}}");
   EXPECT_TRUE(map == map);
+  // A chunk whose metadata reaches the chunk again, with no shared container on the way.
+  const auto chunk = std::make_shared<orvo_core::Chunk>("c");
+  chunk->metadata.insert_or_assign("self", chunk);
+  EXPECT_EQ(Any(chunk).repr(),
+            "Chunk(id='', content='c', metadata={'self': Chunk(id='', "
+            "content='c', metadata={...}, score=None)}, score=None)");
   // Break the cycles so the containers are released.
   list.as_list().clear();
   map.as_map().clear();
+  chunk->metadata.clear();
 }
 
 TEST(any, excessive_nesting_is_an_error_not_a_crash) {

@@ -128,10 +128,14 @@ std::size_t append_embeddings(std::string_view body, std::size_t count, std::vec
   for (const auto& item : data->as_array()) {
     const auto* index = item.is_object() ? item.as_object().if_contains("index") : nullptr;
     const auto* vector = item.is_object() ? item.as_object().if_contains("embedding") : nullptr;
-    if (index == nullptr || !index->is_number() || vector == nullptr || !vector->is_array()) {
+    if (index == nullptr || !(index->is_int64() || index->is_uint64()) || vector == nullptr ||
+        !vector->is_array()) {
       malformed("an embedding lacks its index or vector", body);
     }
-    const auto position = index->to_number<std::int64_t>();
+    const std::int64_t position =
+        index->is_int64() ? index->get_int64()
+                          : static_cast<std::int64_t>(std::min<std::uint64_t>(
+                                index->get_uint64(), static_cast<std::uint64_t>(count)));
     if (position < 0 || static_cast<std::size_t>(position) >= count ||
         seen[static_cast<std::size_t>(position)]) {
       malformed("an embedding has a missing or repeated index " + std::to_string(position), body);
@@ -168,6 +172,8 @@ void EventStreamParser::feed(std::string_view bytes, std::vector<std::string>& e
 
 void EventStreamParser::finish(std::vector<std::string>& events) {
   if (!pending_.empty()) {
+    // A "\r" held back in case "\n" followed ends the line after all.
+    if (pending_.back() == '\r') pending_.pop_back();
     line(pending_, events);
     pending_.clear();
   }

@@ -69,6 +69,7 @@ TEST(openai_api, embeddings_replies_that_do_not_fit_are_malformed) {
   for (const char* body : {
            R"({"data": [{"index": 0, "embedding": [1]}]})",
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 0, "embedding": [2]}]})",
+           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1.5, "embedding": [2]}]})",
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 5, "embedding": [2]}]})",
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": [2, 3]}]})",
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": ["x"]}]})",
@@ -95,7 +96,7 @@ TEST(openai_api, event_stream_parsing_does_not_depend_on_how_bytes_arrive) {
   }
   openai::EventStreamParser unterminated;
   std::vector<std::string> events;
-  unterminated.feed("data: last", events);
+  unterminated.feed("data: last\r", events);
   EXPECT_TRUE(events.empty());
   unterminated.finish(events);
   EXPECT_EQ(events, std::vector<std::string>{"last"});

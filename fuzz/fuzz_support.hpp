@@ -1,0 +1,322 @@
+#pragma once
+
+// Shared pieces of the fuzz targets: a byte reader, a builder of dynamic values, an independent
+// UTF-8 decoder and the failure report.
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "orvo_core/any.hpp"
+
+namespace orvo_fuzz {
+
+/// Reports a broken property with the value that broke it and stops the run, so that libFuzzer
+/// keeps the input.
+[[noreturn]] inline void fail(const char* property, const std::string& detail = {}) {
+  std::fprintf(stderr, "\n*** property broken: %s\n%s\n", property, detail.c_str());
+  std::fflush(stderr);
+  std::abort();
+}
+
+#define ORVO_FUZZ_CHECK(condition, detail)                  \
+  do {                                                      \
+    if (!(condition)) ::orvo_fuzz::fail(#condition, detail); \
+  } while (false)
+
+/// Whether a known, reported library fault named `name` is to be tolerated in this run: the
+/// comma-separated names in ORVO_FUZZ_ALLOW. Nothing is tolerated by default.
+inline bool tolerated(std::string_view name) {
+  static const std::string allowed = [] {
+    const char* env = std::getenv("ORVO_FUZZ_ALLOW");
+    return "," + std::string(env != nullptr ? env : "") + ",";
+  }();
+  return allowed.find("," + std::string(name) + ",") != std::string::npos;
+}
+
+/// Bytes as a C-style literal, for failure reports.
+inline std::string escaped(std::string_view bytes, std::size_t limit = 400) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out = "\"";
+  for (std::size_t i = 0; i < bytes.size() && i < limit; ++i) {
+    const auto c = static_cast<unsigned char>(bytes[i]);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c >= 0x20 && c < 0x7F) {
+      out += static_cast<char>(c);
+    } else {
+      out += "\\x";
+      out += kHex[c >> 4];
+      out += kHex[c & 0xF];
+    }
+  }
+  if (bytes.size() > limit) out += "...";
+  return out + "\"";
+}
+
+/// Reads the fuzz input front to back; once it is used up every read yields zeros, so any input
+/// builds something.
+class Input {
+ public:
+  Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
+
+  [[nodiscard]] bool empty() const { return pos_ >= size_; }
+  [[nodiscard]] std::size_t left() const { return empty() ? 0 : size_ - pos_; }
+
+  std::uint8_t byte() { return empty() ? 0 : data_[pos_++]; }
+
+  bool flag() { return (byte() & 1) != 0; }
+
+  /// A number in [0, n); n > 0.
+  std::size_t below(std::size_t n) { return byte() % n; }
+
+  std::uint64_t u64(std::size_t bytes = 8) {
+    std::uint64_t v = 0;
+    for (std::size_t i = 0; i < bytes; ++i) v = v << 8 | byte();
+    return v;
+  }
+
+  /// Up to `max` raw bytes, the count coming first.
+  std::string bytes(std::size_t max) {
+    const std::size_t n = std::min<std::size_t>(below(max + 1), left());
+    std::string out(reinterpret_cast<const char*>(data_ + pos_), n);
+    pos_ += n;
+    return out;
+  }
+
+  /// Everything not read yet.
+  std::string_view rest() {
+    if (empty()) return {};
+    std::string_view out(reinterpret_cast<const char*>(data_ + pos_), size_ - pos_);
+    pos_ = size_;
+    return out;
+  }
+
+ private:
+  const std::uint8_t* data_;
+  std::size_t size_;
+  std::size_t pos_ = 0;
+};
+
+/// One step of a strict UTF-8 decoder written from the definition, independent of the
+/// library's: the code point and the length of the well-formed sequence at `pos`, or
+/// `valid == false` and length 1 for a byte that starts none.
+struct Utf8Step {
+  char32_t cp;
+  std::size_t len;
+  bool valid;
+};
+
+inline Utf8Step utf8_step(std::string_view s, std::size_t pos) {
+  const auto at = [&](std::size_t i) { return static_cast<unsigned char>(s[pos + i]); };
+  const unsigned char b0 = at(0);
+  if (b0 < 0x80) return {b0, 1, true};
+  std::size_t len = 0;
+  char32_t cp = 0;
+  char32_t min = 0;
+  if ((b0 & 0xE0) == 0xC0) {
+    len = 2, cp = b0 & 0x1Fu, min = 0x80;
+  } else if ((b0 & 0xF0) == 0xE0) {
+    len = 3, cp = b0 & 0x0Fu, min = 0x800;
+  } else if ((b0 & 0xF8) == 0xF0) {
+    len = 4, cp = b0 & 0x07u, min = 0x10000;
+  } else {
+    return {0, 1, false};
+  }
+  if (s.size() - pos < len) return {0, 1, false};
+  for (std::size_t i = 1; i < len; ++i) {
+    if ((at(i) & 0xC0) != 0x80) return {0, 1, false};
+    cp = cp << 6 | (at(i) & 0x3Fu);
+  }
+  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return {0, 1, false};
+  return {cp, len, true};
+}
+
+inline bool valid_utf8(std::string_view s) {
+  for (std::size_t pos = 0; pos < s.size();) {
+    const Utf8Step step = utf8_step(s, pos);
+    if (!step.valid) return false;
+    pos += step.len;
+  }
+  return true;
+}
+
+inline void append_utf8(std::string& out, char32_t cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+/// Pieces that exercise quoting and decoding: quotes, escapes, non-printable and unassigned
+/// code points, and every kind of ill-formed UTF-8.
+inline constexpr std::string_view kTextPieces[] = {
+    "a", "Z", " ", "'", "\"", "\\", "\n", "\r", "\t", "\b", "\f", std::string_view("\0", 1),
+    "\x1f", "\x7f", "\xc2\xa0", "\xc3\xa9", "\xcd\xb8", "\xe2\x80\xa8", "\xe3\x80\x80",
+    "\xef\xbb\xbf", "\xef\xbf\xbd", "\xf0\x9f\x98\x80", "\xf3\xa0\x80\x81", "\xf4\x8f\xbf\xbf",
+    // Ill-formed: lone bytes, truncations, overlong forms, surrogates, above U+10FFFF.
+    "\x80", "\xbf", "\xc0\x80", "\xc1\xbf", "\xc3", "\xe0\x80\x80", "\xe0\xa0", "\xed\xa0\x80",
+    "\xed\xb2\x80", "\xf0\x80\x80\x80", "\xf0\x9f\x98", "\xf4\x90\x80\x80", "\xf5\x80\x80\x80",
+    "\xfe", "\xff", "[", "]", "(", ")", "{", "}", "References:", "https://x.y/z", "1. ",
+    "file_name", "file_url", "\\udcff", "\\u00e9", "...",
+};
+
+/// Builds dynamic values of every kind from the input: scalars, strings of raw bytes, nested
+/// lists and maps, containers shared between several places and containers that hold themselves.
+/// Objects come from the caller's factory, when there is one.
+class ValueBuilder {
+ public:
+  using ObjectFactory = std::function<orvo_core::Any(Input&, ValueBuilder&, int depth)>;
+
+  explicit ValueBuilder(Input& in, ObjectFactory objects = {}, int max_depth = 5)
+      : in_(in), objects_(std::move(objects)), max_depth_(max_depth) {}
+
+  /// Whether a container built so far holds one of its own ancestors.
+  [[nodiscard]] bool made_cycle() const { return made_cycle_; }
+  /// Whether a NaN was built.
+  [[nodiscard]] bool made_nan() const { return made_nan_; }
+
+  /// Empties every container built, which breaks the reference cycles that would otherwise
+  /// leak: a value that holds itself is never freed by reference counting. Call when done.
+  void release() {
+    for (orvo_core::Any& c : done_) {
+      if (c.is_list()) {
+        c.as_list().clear();
+      } else {
+        c.as_map().clear();
+      }
+    }
+    for (const auto& release_object : object_releasers_) release_object();
+  }
+
+  /// Registers more cleanup for `release`, for objects that hold values.
+  void on_release(std::function<void()> f) { object_releasers_.push_back(std::move(f)); }
+
+  orvo_core::Any value(int depth = 0) {
+    const bool leaf = depth >= max_depth_;
+    switch (in_.below(leaf ? 6 : 10)) {
+      case 0: return {};
+      case 1: return in_.flag();
+      case 2: return integer();
+      case 3: return floating();
+      case 4:
+      case 5: return string();
+      case 6: return list(depth);
+      case 7: return map(depth);
+      case 8: return shared(depth);
+      default:
+        if (objects_) return objects_(in_, *this, depth + 1);
+        return string();
+    }
+  }
+
+  std::int64_t integer() {
+    switch (in_.below(4)) {
+      case 0: return static_cast<std::int8_t>(in_.byte());
+      case 1: return static_cast<std::int64_t>(in_.u64());
+      case 2: return std::numeric_limits<std::int64_t>::min() + in_.byte();
+      default: return std::numeric_limits<std::int64_t>::max() - in_.byte();
+    }
+  }
+
+  double floating() {
+    static constexpr double kSpecial[] = {
+        0.0, -0.0, 1.0, 0.1, 0.5, 1e16, 1e15, 1e-4, 1e-5, 123456789012345678.0, 9007199254740993.0,
+        9223372036854775808.0, -9223372036854775808.0, 5e-324, 1.7976931348623157e308,
+        std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+        std::numeric_limits<double>::quiet_NaN()};
+    double d = 0;
+    if (in_.flag()) {
+      d = kSpecial[in_.below(std::size(kSpecial))];
+    } else {
+      const std::uint64_t bits = in_.u64();
+      std::memcpy(&d, &bits, sizeof d);
+    }
+    if (std::isnan(d)) made_nan_ = true;
+    return d;
+  }
+
+  std::string string() {
+    if (in_.flag()) return in_.bytes(24);
+    std::string out;
+    for (std::size_t n = in_.below(6); n > 0; --n) out += kTextPieces[in_.below(std::size(kTextPieces))];
+    return out;
+  }
+
+  std::string key() {
+    static constexpr const char* kKeys[] = {"file_name", "file_url", "title", "url", "query",
+                                            "context", "context_list", "response", "chunks"};
+    if (in_.flag()) return kKeys[in_.below(std::size(kKeys))];
+    return string();
+  }
+
+  orvo_core::Any list(int depth) {
+    auto list = std::make_shared<orvo_core::List>();
+    const orvo_core::Any self(list);
+    open_.push_back(self);
+    for (std::size_t n = in_.below(5); n > 0; --n) {
+      orvo_core::Any v = value(depth + 1);
+      list->push_back(std::move(v));
+    }
+    open_.pop_back();
+    done_.push_back(self);
+    return self;
+  }
+
+  orvo_core::Any map(int depth) {
+    auto map = std::make_shared<orvo_core::Map>();
+    const orvo_core::Any self(map);
+    open_.push_back(self);
+    for (std::size_t n = in_.below(5); n > 0; --n) {
+      std::string k = key();
+      orvo_core::Any v = value(depth + 1);
+      map->insert_or_assign(std::move(k), std::move(v));
+    }
+    open_.pop_back();
+    done_.push_back(self);
+    return self;
+  }
+
+ private:
+  // A container built before, or one still being filled, which closes a cycle.
+  orvo_core::Any shared(int depth) {
+    if (in_.flag() && !open_.empty()) {
+      made_cycle_ = true;
+      return open_[in_.below(open_.size())];
+    }
+    if (done_.empty()) return list(depth);
+    return done_[in_.below(done_.size())];
+  }
+
+  Input& in_;
+  ObjectFactory objects_;
+  int max_depth_;
+  bool made_cycle_ = false;
+  bool made_nan_ = false;
+  std::vector<orvo_core::Any> open_;  // containers being filled, outermost first
+  std::vector<orvo_core::Any> done_;  // containers finished
+  std::vector<std::function<void()>> object_releasers_;
+};
+
+}  // namespace orvo_fuzz

@@ -1,0 +1,212 @@
+// The reference text of chunks with arbitrary metadata: the direct path that the defaults take
+// against the generic one, and both against the documented layout.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fuzz_support.hpp"
+#include "orvo_core/errors.hpp"
+#include "orvo_core/schema/chunk.hpp"
+#include "orvo_generation/reference_formatter/reference_formatter.hpp"
+
+namespace {
+
+using orvo_core::Any;
+using orvo_core::Chunk;
+using orvo_core::List;
+using orvo_core::Map;
+using orvo_fuzz::escaped;
+using orvo_fuzz::Input;
+using orvo_fuzz::ValueBuilder;
+namespace rf = orvo_generation::reference_formatter;
+
+class Passthrough : public rf::BaseReferenceFormatter {
+ public:
+  using BaseReferenceFormatter::BaseReferenceFormatter;
+  orvo_core::Awaitable<rf::Chunks> _get_relevant_chunks(std::string /*response*/,
+                                                        rf::Chunks chunks) override {
+    co_return chunks;
+  }
+};
+
+struct DerivedChunk : Chunk {
+  using Chunk::Chunk;
+};
+struct Opaque : orvo_core::Object {};
+
+// The text, or the name of the error that stopped it.
+struct Outcome {
+  std::string text;
+  std::string error;
+  bool operator==(const Outcome&) const = default;
+  [[nodiscard]] std::string show() const { return error.empty() ? escaped(text) : error; }
+};
+
+template <class F>
+Outcome outcome(F f) {
+  try {
+    return {f(), {}};
+  } catch (const orvo_core::TypeError&) {
+    return {{}, "TypeError"};
+  } catch (const orvo_core::ValueError&) {
+    return {{}, "ValueError"};
+  }
+}
+
+// The documented entry of one chunk: "[title](url)", or the title alone without an address;
+// a missing value reads as None. An unhashable key is a TypeError.
+Outcome expected(const rf::Chunks& chunks, const Any& metadata_map) {
+  if (chunks.empty()) return {};
+  if (!metadata_map.is_map()) return {{}, "TypeError"};
+  const auto value = [](const Map& map, const Any& key) -> std::optional<Any> {
+    if (key.is_list() || key.is_map()) return std::nullopt;
+    if (!key.is_string()) return Any();
+    const auto it = map.find(key.as_string());
+    return it == map.end() ? Any() : it->second;
+  };
+  const Any title_key = *value(metadata_map.as_map(), Any("title"));
+  const Any url_key = *value(metadata_map.as_map(), Any("url"));
+  std::string text = "References:";
+  for (std::size_t i = 0; i < chunks.size(); ++i) {
+    const auto title = value(chunks[i]->metadata, title_key);
+    const auto url = value(chunks[i]->metadata, url_key);
+    if (!title || !url) return {{}, "TypeError"};
+    text += "\n" + std::to_string(i + 1) + ". ";
+    text += url->truthy() ? "[" + title->str() + "](" + url->str() + ")" : title->str();
+  }
+  return {text, {}};
+}
+
+// A key for the metadata map: mostly metadata keys, sometimes any value at all.
+Any map_key(Input& in, ValueBuilder& builder) {
+  static constexpr const char* kKeys[] = {"file_name", "file_url", "title", "url", "", "name"};
+  switch (in.below(4)) {
+    case 0:
+    case 1: return kKeys[in.below(std::size(kKeys))];
+    case 2: return builder.string();
+    default: return builder.value(3);
+  }
+}
+
+Any metadata_map(Input& in, ValueBuilder& builder) {
+  switch (in.below(8)) {
+    case 0: {
+      Map map;
+      for (const char* field : {"title", "url"}) {
+        if (in.below(4) != 0) map.insert_or_assign(field, map_key(in, builder));
+      }
+      if (in.flag()) {
+        std::string key = builder.key();
+        map.insert_or_assign(std::move(key), builder.value(2));
+      }
+      return map;
+    }
+    case 1: return Map();
+    case 2: return builder.value(3);
+    default: return rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP;
+  }
+}
+
+void check(const rf::Chunks& chunks, const Any& metadata_map, const std::string& what) {
+  // The constructor falls back to the default map for an absent or empty one.
+  const Any effective = metadata_map.truthy() ? metadata_map : rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP;
+  const Passthrough direct(true, {}, {}, metadata_map);
+  const rf::FormatChunkFunc chunk_func = rf::format_chunk_as_string(effective);
+  // Wrapped, the defaults are no longer recognised, so this formatter takes the generic path.
+  const Passthrough generic(
+      true, [](const List& entries) { return rf::format_references_as_string(entries); },
+      [chunk_func](const Chunk& chunk) { return chunk_func(chunk); });
+
+  const Outcome fast = outcome([&] { return direct._format_as_string(chunks); });
+  const Outcome slow = outcome([&] { return generic._format_as_string(chunks); });
+  const Outcome by_hand = outcome([&] {
+    List entries;
+    for (const auto& chunk : chunks) entries.push_back(chunk_func(*chunk));
+    return rf::format_references_as_string(entries);
+  });
+  const Outcome want = expected(chunks, effective);
+  ORVO_FUZZ_CHECK(fast == slow, what + "direct: " + fast.show() + "\ngeneric: " + slow.show());
+  ORVO_FUZZ_CHECK(slow == by_hand, what + "generic: " + slow.show() + "\nby hand: " + by_hand.show());
+  ORVO_FUZZ_CHECK(fast == want, what + "got: " + fast.show() + "\nexpected: " + want.show());
+  if (!fast.error.empty()) return;
+
+  const std::string& text = fast.text;
+  ORVO_FUZZ_CHECK(text.empty() == chunks.empty(), what + escaped(text));
+  if (chunks.empty()) return;
+  ORVO_FUZZ_CHECK(text.starts_with("References:"), what + escaped(text));
+  std::vector<std::string_view> lines;
+  for (std::size_t start = 0;;) {
+    const std::size_t end = text.find('\n', start);
+    lines.push_back(std::string_view(text).substr(start, end - start));
+    if (end == std::string::npos) break;
+    start = end + 1;
+  }
+  // With one-line entries the layout is exactly a header and one numbered line per chunk.
+  if (lines.size() == chunks.size() + 1) {
+    ORVO_FUZZ_CHECK(lines[0] == "References:", what + escaped(text));
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+      ORVO_FUZZ_CHECK(lines[i].starts_with(std::to_string(i) + ". "), what + escaped(text));
+    }
+  } else {
+    ORVO_FUZZ_CHECK(lines.size() > chunks.size() + 1, what + escaped(text));
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input in(data, size);
+  // Objects in metadata values: chunks made earlier (never later ones, so no cycle runs through
+  // an object), and objects of other kinds.
+  std::vector<Any> objects = {Any(std::make_shared<Opaque>())};
+  ValueBuilder builder(in, [&objects](Input& i, ValueBuilder&, int) {
+    return objects[i.below(objects.size())];
+  });
+
+  const Any map = metadata_map(in, builder);
+  const std::size_t count = in.below(8) == 0 ? 28 + in.below(12) : in.below(6);
+  rf::Chunks chunks;
+  for (std::size_t c = 0; c < count; ++c) {
+    Map metadata;
+    for (std::size_t n = in.below(4); n > 0; --n) {
+      std::string key = builder.key();
+      Any v = builder.value(1);
+      metadata.insert_or_assign(std::move(key), std::move(v));
+    }
+    std::string content = builder.string();
+    std::shared_ptr<Chunk> chunk;
+    if (in.below(4) == 0) {
+      chunk = std::make_shared<DerivedChunk>(std::move(content), std::move(metadata));
+    } else {
+      chunk = std::make_shared<Chunk>(std::move(content), std::move(metadata));
+    }
+    // The same chunk twice in a row, as a caller may pass it.
+    if (in.below(8) == 0) chunks.push_back(chunk);
+    chunks.push_back(chunk);
+    objects.emplace_back(chunk);
+  }
+
+  check(chunks, map, "");
+  // The formatter reads its (shared) map at every call: a change shows in the next text.
+  if (map.is_map() && map.map_ptr() != rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP.map_ptr() &&
+      map.truthy()) {
+    Map& m = map.as_map();
+    const Any title = orvo_core::get(m, "title");
+    m.insert_or_assign("title", orvo_core::get(m, "url"));
+    m.insert_or_assign("url", title);
+    check(chunks, map, "after swapping title and url: ");
+  }
+  ORVO_FUZZ_CHECK(rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP.str() ==
+                      "{'title': 'file_name', 'url': 'file_url'}",
+                  rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP.str());
+
+  builder.release();
+  for (const Any& o : objects) {
+    if (auto chunk = o.as<Chunk>()) chunk->metadata.clear();
+  }
+  return 0;
+}
