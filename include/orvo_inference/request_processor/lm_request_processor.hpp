@@ -31,6 +31,13 @@ class LMRequestProcessor : public orvo_core::Object {
       std::shared_ptr<orvo_core::EventEmitter> event_emitter = nullptr,
       orvo_core::Any system_multimodal_contents = {}, orvo_core::Any user_multimodal_contents = {});
 
+  /// The call with prompt variables and nothing else, as the LM-based reference formatter makes
+  /// it. It forwards to `process`; a processor that tells such a call apart from one with
+  /// everything absent (a host-language processor whose `process` takes one parameter, say)
+  /// overrides it.
+  virtual orvo_core::Awaitable<orvo_core::Any> process_variables(
+      std::shared_ptr<orvo_core::Map> prompt_kwargs);
+
   PromptTemplate prompt;                            ///< Makes the messages.
   std::shared_ptr<BaseLMInvoker> lm_invoker;        ///< Gets the reply.
   std::shared_ptr<BaseOutputParser> output_parser;  ///< Makes the result; null: the text.

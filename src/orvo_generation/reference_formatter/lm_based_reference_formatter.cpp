@@ -62,7 +62,8 @@ orvo_core::Awaitable<Chunks> LMBasedReferenceFormatter::_get_relevant_chunks(std
     auto prompt_kwargs = std::make_shared<orvo_core::Map>();
     prompt_kwargs->emplace("response", response);
     prompt_kwargs->emplace("context", _format_batch_context(batch_chunks));
-    const Any lm_output = co_await lm_request_processor->process(std::move(prompt_kwargs));
+    const Any lm_output =
+        co_await lm_request_processor->process_variables(std::move(prompt_kwargs));
     if (!lm_output.is_map()) {
       throw orvo_core::TypeError("the language model's answer must be a map, got " +
                                  lm_output.type_name());

@@ -27,4 +27,9 @@ orvo_core::Awaitable<orvo_core::Any> LMRequestProcessor::process(
   co_return output_parser->parse(text);
 }
 
+orvo_core::Awaitable<orvo_core::Any> LMRequestProcessor::process_variables(
+    std::shared_ptr<orvo_core::Map> prompt_kwargs) {
+  co_return co_await process(std::move(prompt_kwargs));
+}
+
 }  // namespace orvo_inference

@@ -1,0 +1,1 @@
+"""Core types of the orvo libraries: chunks, components, events and similarity."""

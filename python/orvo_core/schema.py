@@ -1,0 +1,8 @@
+"""Chunks and the component base."""
+from collections.abc import MutableMapping
+
+from orvo_core._native import Chunk, Component, MetadataView
+
+MutableMapping.register(MetadataView)
+
+__all__ = ["Chunk", "Component"]

@@ -1,0 +1,4 @@
+"""Cosine similarity of embeddings."""
+from orvo_core._native import cosine
+
+__all__ = ["cosine"]

@@ -1,0 +1,1 @@
+"""Focuses on generating responses based on retrieved information."""

@@ -1,0 +1,1 @@
+"""Language-model request processors, embedding invokers and chat roles."""

@@ -1,0 +1,455 @@
+// Python values to `Any` and back, keeping the identity of the containers a call was given.
+
+#include <bit>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "orvo_core/errors.hpp"
+#include "orvo_core/schema/chunk.hpp"
+#include "python_support.hpp"
+
+namespace orvo_python {
+
+using orvo_core::Any;
+using orvo_core::List;
+using orvo_core::Map;
+
+namespace {
+constexpr int kMaxDepth = 1000;
+
+bool interpreter_alive() {
+  return Py_IsInitialized() != 0 && _Py_IsFinalizing() == 0;
+}
+}  // namespace
+
+// ---- GIL-safe references -----------------------------------------------------------------------
+
+GilObject::~GilObject() {
+  if (object_ == nullptr || !interpreter_alive()) return;
+  const py::gil_scoped_acquire gil;
+  Py_DECREF(object_);
+}
+
+PyObjectRef::PyObjectRef(py::object object) : object_(object.release().ptr()) {}
+
+PyObjectRef::~PyObjectRef() {
+  if (!interpreter_alive()) return;
+  const py::gil_scoped_acquire gil;
+  Py_DECREF(object_);
+}
+
+py::object PyObjectRef::object() const {
+  return py::reinterpret_borrow<py::object>(object_);
+}
+
+std::string PyObjectRef::type_name() const {
+  const py::gil_scoped_acquire gil;
+  return py::str(py::type::handle_of(object_).attr("__name__"));
+}
+
+std::string PyObjectRef::repr() const {
+  const py::gil_scoped_acquire gil;
+  return to_utf8(py::repr(object_));
+}
+
+std::string PyObjectRef::str() const {
+  const py::gil_scoped_acquire gil;
+  return to_utf8(py::str(object_));
+}
+
+bool PyObjectRef::equals(const orvo_core::Object& other) const {
+  const auto* that = dynamic_cast<const PyObjectRef*>(&other);
+  if (that == nullptr) return false;
+  const py::gil_scoped_acquire gil;
+  return object().equal(that->object());
+}
+
+// ---- Strings -----------------------------------------------------------------------------------
+
+std::string to_utf8(py::handle text) {
+  Py_ssize_t size = 0;
+  if (const char* data = PyUnicode_AsUTF8AndSize(text.ptr(), &size)) {
+    return {data, static_cast<std::size_t>(size)};
+  }
+  // Lone surrogates: U+DC80..U+DCFF stand for the bytes that were not UTF-8.
+  PyErr_Clear();
+  py::object bytes = py::reinterpret_steal<py::object>(
+      PyUnicode_AsEncodedString(text.ptr(), "utf-8", "surrogateescape"));
+  if (!bytes) throw py::error_already_set();
+  return {PyBytes_AS_STRING(bytes.ptr()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.ptr()))};
+}
+
+py::str to_py_str(std::string_view text) {
+  PyObject* result =
+      PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogateescape");
+  if (result == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::str>(result);
+}
+
+// ---- Bridges -----------------------------------------------------------------------------------
+
+struct Session::MapBridge {
+  std::shared_ptr<Map> cpp;
+  py::object origin;
+  Map snapshot;  // the entries as last seen by Python
+  bool pushing = false;
+};
+
+struct Session::ListBridge {
+  std::shared_ptr<List> cpp;
+  py::object origin;
+};
+
+namespace {
+// Containers converted by live sessions, by the address of the C++ container. A session keeps
+// its containers alive, so an address is never reused while it is listed here.
+std::unordered_map<const void*, Session::MapBridge*>& map_bridges() {
+  static auto* bridges = new std::unordered_map<const void*, Session::MapBridge*>();
+  return *bridges;
+}
+std::unordered_map<const void*, Session::ListBridge*>& list_bridges() {
+  static auto* bridges = new std::unordered_map<const void*, Session::ListBridge*>();
+  return *bridges;
+}
+
+// Whether C++ left an entry as Python last saw it.
+bool same(const Any& a, const Any& b) {
+  if (a.kind() != b.kind()) return false;
+  switch (a.kind()) {
+    case Any::Kind::None:
+      return true;
+    case Any::Kind::Bool:
+      return a.as_bool() == b.as_bool();
+    case Any::Kind::Int:
+      return a.as_int() == b.as_int();
+    case Any::Kind::Float:
+      return std::bit_cast<std::uint64_t>(a.as_float()) ==
+             std::bit_cast<std::uint64_t>(b.as_float());
+    case Any::Kind::String:
+      return a.as_string() == b.as_string();
+    case Any::Kind::List:
+      return a.list_ptr() == b.list_ptr();
+    case Any::Kind::Map:
+      return a.map_ptr() == b.map_ptr();
+    case Any::Kind::Object:
+      return a.as_object() == b.as_object();
+  }
+  return false;
+}
+}  // namespace
+
+void push_map(Session::MapBridge& bridge) {
+  if (bridge.pushing) return;
+  bridge.pushing = true;
+  try {
+    auto dict = py::reinterpret_borrow<py::dict>(bridge.origin);
+    for (const auto& [key, value] : *bridge.cpp) {
+      const auto seen = bridge.snapshot.find(key);
+      if (seen == bridge.snapshot.end() || !same(seen->second, value)) {
+        dict[to_py_str(key)] = to_py(value);
+      }
+    }
+    for (const auto& [key, value] : bridge.snapshot) {
+      if (bridge.cpp->find(key) == bridge.cpp->end()) dict.attr("pop")(to_py_str(key), py::none());
+    }
+    bridge.snapshot = *bridge.cpp;
+  } catch (...) {
+    bridge.pushing = false;
+    throw;
+  }
+  bridge.pushing = false;
+}
+
+Session::Session() = default;
+
+Session::~Session() {
+  for (const auto& bridge : maps_) map_bridges().erase(bridge->cpp.get());
+  for (const auto& bridge : lists_) list_bridges().erase(bridge->cpp.get());
+}
+
+void Session::push() {
+  for (const auto& bridge : maps_) push_map(*bridge);
+}
+
+void Session::pull() {
+  std::vector<MapBridge*> roots = roots_;
+  for (MapBridge* root : roots) {
+    memo_.clear();
+    Map fresh;
+    for (auto [key, value] : py::reinterpret_borrow<py::dict>(root->origin)) {
+      if (!PyUnicode_Check(key.ptr())) {
+        throw orvo_core::TypeError("dict keys must be str, not " +
+                                   std::string(py::str(py::type::handle_of(key).attr("__name__"))));
+      }
+      fresh.insert_or_assign(to_utf8(key), convert(value, 1));
+    }
+    *root->cpp = std::move(fresh);
+    root->snapshot = *root->cpp;
+  }
+}
+
+Any Session::to_any(py::handle value) {
+  memo_.clear();
+  return convert(value, 0);
+}
+
+Any Session::convert(py::handle value, int depth) {
+  if (depth > kMaxDepth) throw orvo_core::ValueError("value nested too deeply");
+  PyObject* object = value.ptr();
+  if (object == Py_None) return {};
+  if (PyBool_Check(object)) return Any(object == Py_True);
+  if (PyLong_Check(object)) {
+    int overflow = 0;
+    const long long number = PyLong_AsLongLongAndOverflow(object, &overflow);
+    if (overflow != 0) {
+      PyErr_SetString(PyExc_OverflowError, "int does not fit in 64 bits");
+      throw py::error_already_set();
+    }
+    if (number == -1 && PyErr_Occurred() != nullptr) throw py::error_already_set();
+    return Any(static_cast<std::int64_t>(number));
+  }
+  if (PyFloat_Check(object)) return Any(PyFloat_AS_DOUBLE(object));
+  if (PyUnicode_Check(object)) return Any(to_utf8(value));
+  if (PyDict_Check(object)) return convert_dict(value, depth);
+  if (PyList_Check(object)) return convert_list(value, depth);
+  if (py::isinstance<orvo_core::Object>(value)) {
+    return Any(value.cast<std::shared_ptr<orvo_core::Object>>());
+  }
+  return Any(std::make_shared<PyObjectRef>(py::reinterpret_borrow<py::object>(value)));
+}
+
+Any Session::convert_dict(py::handle value, int depth) {
+  if (auto seen = memo_.find(value.ptr()); seen != memo_.end()) return seen->second;
+  auto map = std::make_shared<Map>();
+  auto bridge = std::make_unique<MapBridge>();
+  bridge->cpp = map;
+  bridge->origin = py::reinterpret_borrow<py::object>(value);
+  Any result(map);
+  memo_.emplace(value.ptr(), result);
+  for (auto [key, item] : py::reinterpret_borrow<py::dict>(value)) {
+    if (!PyUnicode_Check(key.ptr())) {
+      throw orvo_core::TypeError("dict keys must be str, not " +
+                                 std::string(py::str(py::type::handle_of(key).attr("__name__"))));
+    }
+    map->insert_or_assign(to_utf8(key), convert(item, depth + 1));
+  }
+  bridge->snapshot = *map;
+  map_bridges()[map.get()] = bridge.get();
+  if (depth == 0) roots_.push_back(bridge.get());
+  maps_.push_back(std::move(bridge));
+  return result;
+}
+
+Any Session::convert_list(py::handle value, int depth) {
+  if (auto seen = memo_.find(value.ptr()); seen != memo_.end()) return seen->second;
+  auto list = std::make_shared<List>();
+  auto bridge = std::make_unique<ListBridge>();
+  bridge->cpp = list;
+  bridge->origin = py::reinterpret_borrow<py::object>(value);
+  Any result(list);
+  memo_.emplace(value.ptr(), result);
+  auto items = py::reinterpret_borrow<py::list>(value);
+  list->reserve(items.size());
+  for (py::handle item : items) list->push_back(convert(item, depth + 1));
+  list_bridges()[list.get()] = bridge.get();
+  lists_.push_back(std::move(bridge));
+  return result;
+}
+
+Any to_any_detached(py::handle value) {
+  Session session;
+  return session.to_any(value);
+}
+
+// ---- Back to Python ----------------------------------------------------------------------------
+
+namespace {
+py::object to_py_at(const Any& value, int depth);
+
+py::object object_to_py(const std::shared_ptr<orvo_core::Object>& object) {
+  if (const auto* ref = dynamic_cast<const PyObjectRef*>(object.get())) return ref->object();
+  return py::cast(object);
+}
+
+py::object to_py_at(const Any& value, int depth) {
+  if (depth > kMaxDepth) throw orvo_core::ValueError("value nested too deeply");
+  switch (value.kind()) {
+    case Any::Kind::None:
+      return py::none();
+    case Any::Kind::Bool:
+      return py::bool_(value.as_bool());
+    case Any::Kind::Int:
+      return py::int_(value.as_int());
+    case Any::Kind::Float:
+      return py::float_(value.as_float());
+    case Any::Kind::String:
+      return to_py_str(value.as_string());
+    case Any::Kind::List: {
+      if (auto it = list_bridges().find(value.list_ptr().get()); it != list_bridges().end()) {
+        return it->second->origin;
+      }
+      const List& items = value.as_list();
+      py::list out(items.size());
+      for (std::size_t i = 0; i < items.size(); ++i) {
+        out[i] = to_py_at(items[i], depth + 1);
+      }
+      return out;
+    }
+    case Any::Kind::Map: {
+      if (auto it = map_bridges().find(value.map_ptr().get()); it != map_bridges().end()) {
+        push_map(*it->second);
+        return it->second->origin;
+      }
+      py::dict out;
+      for (const auto& [key, item] : value.as_map())
+        out[to_py_str(key)] = to_py_at(item, depth + 1);
+      return out;
+    }
+    case Any::Kind::Object:
+      return object_to_py(value.as_object());
+  }
+  return py::none();
+}
+}  // namespace
+
+py::object to_py(const Any& value) {
+  return to_py_at(value, 0);
+}
+
+// ---- Embeddings --------------------------------------------------------------------------------
+
+namespace {
+
+// A Python buffer kept open for as long as C++ reads it; released with the GIL.
+class BufferOwner {
+ public:
+  BufferOwner() = default;
+  BufferOwner(const BufferOwner&) = delete;
+  BufferOwner& operator=(const BufferOwner&) = delete;
+  ~BufferOwner() {
+    if (!open || !interpreter_alive()) return;
+    const py::gil_scoped_acquire gil;
+    PyBuffer_Release(&view);
+  }
+  Py_buffer view{};
+  bool open = false;
+};
+
+std::shared_ptr<BufferOwner> open_buffer(py::handle value) {
+  if (PyObject_CheckBuffer(value.ptr()) == 0) return nullptr;
+  auto owner = std::make_shared<BufferOwner>();
+  if (PyObject_GetBuffer(value.ptr(), &owner->view, PyBUF_RECORDS_RO) != 0) {
+    throw py::error_already_set();
+  }
+  owner->open = true;
+  return owner;
+}
+
+std::string_view format_of(const Py_buffer& view) {
+  std::string_view format = view.format != nullptr ? view.format : "B";
+  if (!format.empty() && (format[0] == '@' || format[0] == '=' || format[0] == '<')) {
+    format.remove_prefix(1);
+  }
+  return format;
+}
+
+// Element `index` (in elements, C order) of a buffer of floating-point or integer numbers.
+double element(const Py_buffer& view, std::string_view format, Py_ssize_t offset) {
+  const char* at = static_cast<const char*>(view.buf) + offset;
+  const auto load = [at]<class T>(T /*tag*/) {
+    T v;
+    std::memcpy(&v, at, sizeof v);
+    return static_cast<double>(v);
+  };
+  if (format == "f") return load(float{});
+  if (format == "d") return load(double{});
+  if (format == "e") {
+    throw orvo_core::TypeError("half-precision embeddings are not supported");
+  }
+  if (format == "b") return load(static_cast<signed char>(0));
+  if (format == "B") return load(static_cast<unsigned char>(0));
+  if (format == "h") return load(short{});
+  if (format == "H") return load(static_cast<unsigned short>(0));
+  if (format == "i") return load(int{});
+  if (format == "I") return load(0U);
+  if (format == "l" || format == "q") return load(0LL);
+  if (format == "L" || format == "Q") return load(0ULL);
+  throw orvo_core::TypeError("embedding buffers hold numbers; got the format '" +
+                             std::string(format) + "'");
+}
+
+orvo_core::Embedding buffer_row(const Py_buffer& view, Py_ssize_t base, Py_ssize_t length,
+                                Py_ssize_t stride) {
+  const std::string_view format = format_of(view);
+  orvo_core::Embedding row(static_cast<std::size_t>(length));
+  for (Py_ssize_t i = 0; i < length; ++i) {
+    row[static_cast<std::size_t>(i)] = static_cast<float>(element(view, format, base + i * stride));
+  }
+  return row;
+}
+
+}  // namespace
+
+orvo_core::Embedding to_embedding(py::handle value) {
+  if (auto owner = open_buffer(value)) {
+    const Py_buffer& view = owner->view;
+    if (view.ndim != 1) {
+      throw orvo_core::TypeError("an embedding is one-dimensional; got " +
+                                 std::to_string(view.ndim) + " dimensions");
+    }
+    return buffer_row(view, 0, view.shape[0], view.strides[0]);
+  }
+  if (!PySequence_Check(value.ptr()) || PyUnicode_Check(value.ptr())) {
+    throw orvo_core::TypeError("an embedding is a list of numbers or a buffer, not " +
+                               std::string(py::str(py::type::handle_of(value).attr("__name__"))));
+  }
+  auto sequence = py::reinterpret_borrow<py::sequence>(value);
+  orvo_core::Embedding row;
+  row.reserve(sequence.size());
+  for (py::handle number : sequence) {
+    const double x = PyFloat_AsDouble(number.ptr());
+    if (x == -1.0 && PyErr_Occurred() != nullptr) throw py::error_already_set();
+    row.push_back(static_cast<float>(x));
+  }
+  return row;
+}
+
+orvo_core::Embeddings to_embeddings(py::handle value) {
+  if (auto owner = open_buffer(value)) {
+    const Py_buffer& view = owner->view;
+    if (view.ndim != 2) {
+      throw orvo_core::TypeError("a batch of embeddings is two-dimensional; got " +
+                                 std::to_string(view.ndim) + " dimensions");
+    }
+    const auto rows = static_cast<std::size_t>(view.shape[0]);
+    const auto dim = static_cast<std::size_t>(view.shape[1]);
+    const bool contiguous_float32 = format_of(view) == "f" && view.itemsize == 4 &&
+                                    view.strides[1] == 4 &&
+                                    view.strides[0] == static_cast<Py_ssize_t>(4 * dim);
+    if (contiguous_float32) {
+      // Shared, not copied: the buffer stays open until the last reader lets go.
+      std::shared_ptr<const float> data(owner, static_cast<const float*>(view.buf));
+      return {std::move(data), rows, dim};
+    }
+    std::vector<float> data;
+    data.reserve(rows * dim);
+    for (std::size_t r = 0; r < rows; ++r) {
+      const orvo_core::Embedding row = buffer_row(
+          view, static_cast<Py_ssize_t>(r) * view.strides[0], view.shape[1], view.strides[1]);
+      data.insert(data.end(), row.begin(), row.end());
+    }
+    return {std::move(data), rows, dim};
+  }
+  if (!PySequence_Check(value.ptr()) || PyUnicode_Check(value.ptr())) {
+    throw orvo_core::TypeError("embeddings are a list of vectors or a 2-D buffer, not " +
+                               std::string(py::str(py::type::handle_of(value).attr("__name__"))));
+  }
+  std::vector<orvo_core::Embedding> rows;
+  for (py::handle row : py::reinterpret_borrow<py::sequence>(value)) {
+    rows.push_back(to_embedding(row));
+  }
+  return orvo_core::Embeddings::from_rows(rows);
+}
+
+}  // namespace orvo_python

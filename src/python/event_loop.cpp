@@ -1,0 +1,237 @@
+// The asyncio bridge: C++ coroutines run on an io_context that asyncio drives through done
+// callbacks, and Python awaitables are awaited by C++ through those same callbacks.
+
+#include <utility>
+
+#include <pybind11/eval.h>
+
+#include <boost/asio/any_completion_handler.hpp>
+#include <boost/asio/async_result.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/use_awaitable.hpp>
+
+#include "orvo_core/errors.hpp"
+#include "orvo_inference/errors.hpp"
+#include "python_awaitables.hpp"
+#include "python_support.hpp"
+
+namespace orvo_python {
+
+namespace asio = boost::asio;
+using PySignature = void(std::exception_ptr, py::object);
+using PyHandler = asio::any_completion_handler<PySignature>;
+
+asio::io_context& loop_context() {
+  // Never destroyed: handlers still queued at exit hold Python references, and the interpreter
+  // may already be gone by the time thread-local destructors run.
+  thread_local auto* context = new asio::io_context(1);
+  return *context;
+}
+
+namespace {
+
+thread_local bool pumping = false;
+thread_local bool pump_again = false;
+
+class PumpGuard {
+ public:
+  PumpGuard() { pumping = true; }
+  PumpGuard(const PumpGuard&) = delete;
+  PumpGuard& operator=(const PumpGuard&) = delete;
+  ~PumpGuard() { pumping = false; }
+};
+
+// Delivers a finished Python future to the C++ coroutine that waits for it.
+void deliver(const std::shared_ptr<PyHandler>& handler, const py::object& future) {
+  std::exception_ptr error;
+  py::object result = py::none();
+  try {
+    result = future.attr("result")();
+  } catch (py::error_already_set&) {
+    error = std::current_exception();
+  }
+  auto resume = [handler, error, result = std::move(result)]() mutable {
+    PyHandler h = std::move(*handler);
+    std::move(h)(error, std::move(result));
+  };
+  asio::post(loop_context(), std::move(resume));
+  pump();
+}
+
+class FutureWait {
+ public:
+  explicit FutureWait(py::object future) : future_(std::move(future)) {}
+
+  template <class Handler>
+  void operator()(Handler&& handler) {
+    auto state = std::make_shared<PyHandler>(std::forward<Handler>(handler));
+    py::cpp_function done([state](py::object future) { deliver(state, future); });
+    future_.attr("add_done_callback")(done);
+  }
+
+ private:
+  py::object future_;
+};
+
+bool is_awaitable(const py::handle& value) {
+  return PyCoro_CheckExact(value.ptr()) != 0 || py::hasattr(value, "__await__");
+}
+
+// Settles the asyncio future of a started call.
+class Settle {
+ public:
+  explicit Settle(py::object future) : future_(std::move(future)) {}
+
+  void operator()(const std::exception_ptr& error, py::object result) const {
+    try {
+      if (future_.attr("done")().cast<bool>()) return;  // cancelled by the caller
+      if (error) {
+        future_.attr("set_exception")(exception_to_python(error));
+      } else {
+        future_.attr("set_result")(std::move(result));
+      }
+    } catch (py::error_already_set& e) {
+      e.discard_as_unraisable("settling an orvo future");
+    }
+  }
+
+ private:
+  py::object future_;
+};
+
+py::object new_exception(PyObject* type, const char* message) {
+  return py::reinterpret_borrow<py::object>(type)(message);
+}
+
+py::object inference_error(const char* name, const char* message) {
+  return py::module_::import("orvo_core._native").attr(name)(message);
+}
+
+}  // namespace
+
+void pump() {
+  if (pumping) {
+    pump_again = true;
+    return;
+  }
+  const PumpGuard guard;
+  asio::io_context& context = loop_context();
+  do {
+    pump_again = false;
+    context.restart();
+    context.poll();
+  } while (pump_again);
+}
+
+orvo_core::Awaitable<py::object> await_python(py::object awaitable) {
+  if (!is_awaitable(awaitable)) co_return awaitable;
+  py::object future = py::module_::import("asyncio").attr("ensure_future")(awaitable);
+  FutureWait wait(std::move(future));
+  py::object result = co_await asio::async_initiate<const asio::use_awaitable_t<>&, PySignature>(
+      std::move(wait), asio::use_awaitable);
+  co_return result;
+}
+
+py::object exception_to_python(const std::exception_ptr& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (py::error_already_set& e) {
+    return e.value();
+  } catch (const orvo_core::NotImplementedError&) {
+    return py::reinterpret_borrow<py::object>(PyExc_NotImplementedError)();
+  } catch (const orvo_core::ValueError& e) {
+    return new_exception(PyExc_ValueError, e.what());
+  } catch (const orvo_core::TypeError& e) {
+    return new_exception(PyExc_TypeError, e.what());
+  } catch (const orvo_inference::ConnectError& e) {
+    return inference_error("ConnectError", e.what());
+  } catch (const orvo_inference::TimeoutError& e) {
+    return inference_error("TimeoutError", e.what());
+  } catch (const orvo_inference::ConnectionClosedError& e) {
+    return inference_error("ConnectionClosedError", e.what());
+  } catch (const orvo_inference::HttpStatusError& e) {
+    return inference_error("HttpStatusError", e.what());
+  } catch (const orvo_inference::MalformedReplyError& e) {
+    return inference_error("MalformedReplyError", e.what());
+  } catch (const orvo_inference::OutputParserError& e) {
+    return inference_error("OutputParserError", e.what());
+  } catch (const orvo_inference::InferenceError& e) {
+    return inference_error("InferenceError", e.what());
+  } catch (const std::invalid_argument& e) {
+    return new_exception(PyExc_ValueError, e.what());
+  } catch (const std::bad_alloc&) {
+    return py::reinterpret_borrow<py::object>(PyExc_MemoryError)();
+  } catch (const std::exception& e) {
+    return new_exception(PyExc_RuntimeError, e.what());
+  } catch (...) {
+    return new_exception(PyExc_RuntimeError, "unknown C++ error");
+  }
+}
+
+PendingCall::PendingCall(orvo_core::Awaitable<py::object> work) : work_(std::move(work)) {}
+
+py::object Pending(orvo_core::Awaitable<py::object> work) {
+  // Never destroyed, like the loop context: the interpreter may be gone by then.
+  static auto* wrap = [] {
+    py::dict scope;
+    py::exec("async def _orvo_call(pending):\n    return await pending\n", scope);
+    return new py::object(scope["_orvo_call"]);
+  }();
+  return (*wrap)(PendingCall(std::move(work)));
+}
+
+py::object PendingCall::await_() {
+  if (!work_) throw py::value_error("cannot await an orvo operation twice");
+  py::object loop = py::module_::import("asyncio").attr("get_running_loop")();
+  py::object future = loop.attr("create_future")();
+  Settle settle(future);
+  orvo_core::Awaitable<py::object> work = std::move(*work_);
+  work_.reset();
+  asio::co_spawn(loop_context(), std::move(work), std::move(settle));
+  pump();
+  return future.attr("__await__")();
+}
+
+}  // namespace orvo_python
+
+namespace orvo_python {
+
+orvo_core::Awaitable<py::object> as_none(orvo_core::Awaitable<void> work,
+                                         std::shared_ptr<void> keep) {
+  co_await std::move(work);
+  keep.reset();
+  co_return py::none();
+}
+
+orvo_core::Awaitable<py::object> as_python(orvo_core::Awaitable<orvo_core::Any> work,
+                                           std::shared_ptr<Session> session,
+                                           std::shared_ptr<void> keep) {
+  orvo_core::Any result;
+  try {
+    result = co_await std::move(work);
+  } catch (...) {
+    session->push();
+    throw;
+  }
+  session->push();
+  py::object converted = to_py(result);
+  keep.reset();
+  co_return converted;
+}
+
+orvo_core::Kwargs to_kwargs(const py::kwargs& kwargs, Session& session) {
+  orvo_core::Kwargs converted;
+  for (auto [key, value] : kwargs) {
+    std::string name = to_utf8(key);
+    if (name == "event_emitter") {
+      converted.insert_or_assign(std::move(name), orvo_core::Any(emitter_from_py(value)));
+    } else {
+      converted.insert_or_assign(std::move(name), session.to_any(value));
+    }
+  }
+  return converted;
+}
+
+}  // namespace orvo_python

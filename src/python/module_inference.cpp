@@ -1,0 +1,174 @@
+// Bindings of the inference contracts and the library's own collaborators.
+
+#include <pybind11/stl.h>
+
+#include "collaborators.hpp"
+#include "orvo_inference/em_invoker/lexical_em_invoker.hpp"
+#include "orvo_inference/em_invoker/openai_em_invoker.hpp"
+#include "orvo_inference/lm_invoker/openai_lm_invoker.hpp"
+#include "orvo_inference/output_parser/json_output_parser.hpp"
+#include "orvo_inference/output_parser/text_output_parser.hpp"
+#include "orvo_inference/prompt/prompt_template.hpp"
+#include "orvo_inference/request_processor/extractive_request_processor.hpp"
+#include "orvo_inference/request_processor/uses_lm.hpp"
+#include "python_awaitables.hpp"
+
+namespace orvo_python {
+
+namespace inf = orvo_inference;
+using orvo_core::Any;
+
+namespace {
+
+orvo_core::Awaitable<py::object> embedding_result(orvo_core::Awaitable<orvo_core::Embedding> work,
+                                                  std::shared_ptr<void> keep) {
+  orvo_core::Embedding vector = co_await std::move(work);
+  keep.reset();
+  co_return py::cast(vector);
+}
+
+orvo_core::Awaitable<py::object> embeddings_result(orvo_core::Awaitable<orvo_core::Embeddings> work,
+                                                   std::shared_ptr<void> keep) {
+  orvo_core::Embeddings batch = co_await std::move(work);
+  keep.reset();
+  py::list rows(batch.size());
+  for (std::size_t i = 0; i < batch.size(); ++i) {
+    const auto row = batch[i];
+    rows[i] = py::cast(std::vector<float>(row.begin(), row.end()));
+  }
+  co_return rows;
+}
+
+orvo_core::Awaitable<orvo_core::Embeddings> invoke_batch(
+    std::shared_ptr<inf::BaseEMInvoker> invoker, std::vector<std::string> texts) {
+  const std::vector<std::string_view> views(texts.begin(), texts.end());
+  co_return co_await invoker->invoke(views);
+}
+
+}  // namespace
+
+void bind_inference(py::module_& m) {
+  py::class_<inf::UsesLM, std::shared_ptr<inf::UsesLM>>(
+      m, "UsesLM", "Marks a component that uses a language model.")
+      .def(py::init<>());
+
+  py::class_<inf::PromptTemplate>(m, "PromptTemplate",
+                                  "System and user templates with {named} placeholders.")
+      .def(py::init<std::string, std::string>(), py::arg("system_template") = "",
+           py::arg("user_template") = "")
+      .def_property_readonly("system_template", &inf::PromptTemplate::system_template)
+      .def_property_readonly("user_template", &inf::PromptTemplate::user_template)
+      .def("variables", &inf::PromptTemplate::variables);
+
+  py::class_<inf::BaseOutputParser, orvo_core::Object, std::shared_ptr<inf::BaseOutputParser>>(
+      m, "BaseOutputParser")
+      .def("parse", [](const inf::BaseOutputParser& self, const std::string& text) {
+        return to_py(self.parse(text));
+      });
+  py::class_<inf::TextOutputParser, inf::BaseOutputParser, std::shared_ptr<inf::TextOutputParser>>(
+      m, "TextOutputParser")
+      .def(py::init<>());
+  py::class_<inf::JsonOutputParser, inf::BaseOutputParser, std::shared_ptr<inf::JsonOutputParser>>(
+      m, "JsonOutputParser")
+      .def(py::init<>());
+
+  py::class_<inf::BaseLMInvoker, orvo_core::Object, std::shared_ptr<inf::BaseLMInvoker>>(
+      m, "BaseLMInvoker");
+  // The network I/O of the HTTP invokers runs on the module's I/O thread, so that the asyncio
+  // thread never blocks; streamed events come back to the asyncio thread.
+  py::class_<IoLMInvoker, inf::BaseLMInvoker, std::shared_ptr<IoLMInvoker>>(
+      m, "OpenAILMInvoker", "A chat model behind an OpenAI-compatible server.")
+      .def(py::init([](std::string model, std::string base_url, std::string api_key,
+                       const py::object& parameters) {
+             orvo_core::Map extra;
+             if (!parameters.is_none()) extra = to_any_detached(parameters).as_map();
+             return std::make_shared<IoLMInvoker>(std::make_shared<inf::OpenAILMInvoker>(
+                 std::move(model), std::move(base_url), std::move(api_key), std::move(extra)));
+           }),
+           py::arg("model"), py::arg("base_url"), py::arg("api_key") = "",
+           py::arg("parameters") = py::none());
+
+  py::class_<inf::LMRequestProcessor, orvo_core::Object, std::shared_ptr<inf::LMRequestProcessor>>(
+      m, "LMRequestProcessor",
+      "Turns prompt variables into a language-model request and parses the reply.")
+      .def(py::init([](const py::object& prompt, const py::object& lm_invoker,
+                       const py::object& output_parser) {
+             inf::PromptTemplate p =
+                 prompt.is_none() ? inf::PromptTemplate() : prompt.cast<inf::PromptTemplate>();
+             auto invoker = lm_invoker.is_none()
+                                ? nullptr
+                                : lm_invoker.cast<std::shared_ptr<inf::BaseLMInvoker>>();
+             auto parser = output_parser.is_none()
+                               ? nullptr
+                               : output_parser.cast<std::shared_ptr<inf::BaseOutputParser>>();
+             return std::make_shared<inf::LMRequestProcessor>(std::move(p), std::move(invoker),
+                                                              std::move(parser));
+           }),
+           py::arg("prompt") = py::none(), py::arg("lm_invoker") = py::none(),
+           py::arg("output_parser") = py::none())
+      .def(
+          "process",
+          [](std::shared_ptr<inf::LMRequestProcessor> self, const py::dict& prompt_kwargs,
+             const py::object& history, const py::object& event_emitter,
+             const py::object& system_contents, const py::object& user_contents) {
+            auto session = std::make_shared<Session>();
+            Any variables = session->to_any(prompt_kwargs);
+            Any turns = session->to_any(history);
+            Any system_value = session->to_any(system_contents);
+            Any user_value = session->to_any(user_contents);
+            orvo_core::Awaitable<Any> work =
+                self->process(variables.map_ptr(), std::move(turns), emitter_from_py(event_emitter),
+                              std::move(system_value), std::move(user_value));
+            return Pending(as_python(std::move(work), std::move(session), keep_alive(self)));
+          },
+          py::arg("prompt_kwargs"), py::arg("history") = py::none(), py::kw_only(),
+          py::arg("event_emitter") = py::none(), py::arg("system_multimodal_contents") = py::none(),
+          py::arg("user_multimodal_contents") = py::none());
+
+  py::class_<inf::ExtractiveRequestProcessor, inf::LMRequestProcessor,
+             std::shared_ptr<inf::ExtractiveRequestProcessor>>(
+      m, "ExtractiveRequestProcessor",
+      "An offline processor: extractive answers, or lexical relevance judgements.")
+      .def(py::init([](const std::string& task, double min_similarity) {
+             if (task != "answer" && task != "judge") {
+               throw py::value_error("task must be 'answer' or 'judge'");
+             }
+             return std::make_shared<inf::ExtractiveRequestProcessor>(
+                 task == "answer" ? inf::ExtractiveRequestProcessor::Task::answer
+                                  : inf::ExtractiveRequestProcessor::Task::judge,
+                 min_similarity);
+           }),
+           py::arg("task"), py::arg("min_similarity") = -1.0);
+
+  py::class_<inf::BaseEMInvoker, orvo_core::Object, std::shared_ptr<inf::BaseEMInvoker>>(
+      m, "BaseEMInvoker", "The base type of embedding-model invokers.")
+      .def(
+          "invoke",
+          [](std::shared_ptr<inf::BaseEMInvoker> self, const py::object& text) {
+            if (PyUnicode_Check(text.ptr())) {
+              orvo_core::Awaitable<orvo_core::Embedding> work = self->invoke(to_utf8(text));
+              return Pending(embedding_result(std::move(work), keep_alive(self)));
+            }
+            std::vector<std::string> texts;
+            for (py::handle item : py::reinterpret_borrow<py::sequence>(text)) {
+              texts.push_back(to_utf8(py::str(item)));
+            }
+            orvo_core::Awaitable<orvo_core::Embeddings> work = invoke_batch(self, std::move(texts));
+            return Pending(embeddings_result(std::move(work), keep_alive(self)));
+          },
+          py::arg("text"));
+  py::class_<inf::LexicalEMInvoker, inf::BaseEMInvoker, std::shared_ptr<inf::LexicalEMInvoker>>(
+      m, "LexicalEMInvoker", "Offline, lexical embeddings: hashed words and character trigrams.")
+      .def(py::init<std::size_t>(), py::arg("dimensions") = 1024);
+  py::class_<IoEMInvoker, inf::BaseEMInvoker, std::shared_ptr<IoEMInvoker>>(
+      m, "OpenAIEMInvoker", "An embedding model behind an OpenAI-compatible server.")
+      .def(py::init([](std::string model, std::string base_url, std::string api_key,
+                       std::size_t batch_size) {
+             return std::make_shared<IoEMInvoker>(std::make_shared<inf::OpenAIEMInvoker>(
+                 std::move(model), std::move(base_url), std::move(api_key), batch_size));
+           }),
+           py::arg("model"), py::arg("base_url"), py::arg("api_key") = "",
+           py::arg("batch_size") = 64);
+}
+
+}  // namespace orvo_python

@@ -1,0 +1,166 @@
+#pragma once
+
+// What the extension module's translation units share: the asyncio bridge, value conversion and
+// the adapters that let Python objects serve as collaborators.
+
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <pybind11/pybind11.h>
+
+#include "orvo_core/any.hpp"
+#include "orvo_core/async.hpp"
+#include "orvo_core/embeddings.hpp"
+#include "orvo_core/object.hpp"
+
+namespace boost::asio {
+class io_context;
+}
+
+namespace orvo_python {
+
+namespace py = pybind11;
+
+// ---- The asyncio bridge ------------------------------------------------------------------------
+
+/// The C++ side of the asyncio loop on this thread. Its handlers run only when asyncio calls
+/// back into the module (with the GIL held), so calls that involve only Python collaborators
+/// need no thread.
+boost::asio::io_context& loop_context();
+
+/// Runs every ready handler of this thread's context. A call from inside a handler only asks the
+/// running one to go round once more.
+void pump();
+
+/// Awaits a Python awaitable (coroutine, task, future) on the running asyncio loop; a value that
+/// is not awaitable is the result itself. A Python exception arrives as `py::error_already_set`
+/// holding the very exception object.
+orvo_core::Awaitable<py::object> await_python(py::object awaitable);
+
+/// The Python exception object for an error: the same object for one that came from Python,
+/// `ValueError`, `TypeError`, `NotImplementedError` or the inference errors otherwise.
+py::object exception_to_python(const std::exception_ptr& error);
+
+/// The work of one asynchronous operation of the module, started when awaited; it can be
+/// awaited once.
+class PendingCall {
+ public:
+  explicit PendingCall(orvo_core::Awaitable<py::object> work);
+  /// Starts the work on the running loop and returns the iterator of its future.
+  py::object await_();
+
+ private:
+  std::optional<orvo_core::Awaitable<py::object>> work_;
+};
+
+/// What every asynchronous operation of the module returns to Python: a coroutine, so that
+/// `asyncio.run`, `create_task` and `gather` take it; nothing runs until it is awaited.
+py::object Pending(orvo_core::Awaitable<py::object> work);
+
+// ---- Values ------------------------------------------------------------------------------------
+
+/// The conversions of one call from Python into C++.
+///
+/// Lists and dicts become C++ containers. While the session lives, each remembers the Python
+/// object it came from, so that handing it back to Python (to a Python collaborator, or as a
+/// result) gives that very object, with the writes made in C++ applied to it; `push` applies
+/// them at the end of the call. Writes made in Python during the call are not read back.
+class Session {
+ public:
+  Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+  ~Session();
+
+  /// The value of a Python object.
+  orvo_core::Any to_any(py::handle value);
+
+  /// Applies the writes made in C++ since conversion to every dict of this session.
+  void push();
+
+  /// Reads every top-level dict of this session again from Python (for settings kept across
+  /// calls, such as a reference formatter's metadata map).
+  void pull();
+
+  struct MapBridge;
+  struct ListBridge;
+
+ private:
+  orvo_core::Any convert(py::handle value, int depth);
+  orvo_core::Any convert_dict(py::handle value, int depth);
+  orvo_core::Any convert_list(py::handle value, int depth);
+
+  std::unordered_map<PyObject*, orvo_core::Any> memo_;
+  std::vector<std::unique_ptr<MapBridge>> maps_;
+  std::vector<std::unique_ptr<ListBridge>> lists_;
+  std::vector<MapBridge*> roots_;
+  int depth_ = 0;
+};
+
+/// Applies the C++ writes to a converted dict's Python object.
+void push_map(Session::MapBridge& bridge);
+
+/// The Python object for a value: containers that came from Python are those very objects.
+py::object to_py(const orvo_core::Any& value);
+
+/// `to_py` of a string.
+py::str to_py_str(std::string_view text);
+
+/// A Python value converted on its own, for results of Python collaborators.
+orvo_core::Any to_any_detached(py::handle value);
+
+/// A Python string as UTF-8 (lone surrogates U+DC80..U+DCFF become the bytes they stand for).
+std::string to_utf8(py::handle text);
+
+/// An embedding from a list of numbers or a one-dimensional buffer.
+orvo_core::Embedding to_embedding(py::handle value);
+
+/// A batch of embeddings from a list of vectors or a two-dimensional buffer; a C-contiguous
+/// float32 buffer is shared, not copied.
+orvo_core::Embeddings to_embeddings(py::handle value);
+
+/// A Python object held by C++: the reference is dropped with the GIL, whatever thread lets go.
+class PyObjectRef : public orvo_core::Object {
+ public:
+  explicit PyObjectRef(py::object object);
+  PyObjectRef(const PyObjectRef&) = delete;
+  PyObjectRef& operator=(const PyObjectRef&) = delete;
+  ~PyObjectRef() override;
+
+  [[nodiscard]] py::object object() const;
+  [[nodiscard]] std::string type_name() const override;
+  [[nodiscard]] std::string repr() const override;
+  [[nodiscard]] std::string str() const override;
+  [[nodiscard]] bool equals(const orvo_core::Object& other) const override;
+
+ private:
+  PyObject* object_;
+};
+
+/// Holds a Python reference and drops it with the GIL, for state that C++ may release anywhere.
+class GilObject {
+ public:
+  GilObject() = default;
+  explicit GilObject(py::object object) : object_(object.release().ptr()) {}
+  GilObject(const GilObject&) = delete;
+  GilObject& operator=(const GilObject&) = delete;
+  ~GilObject();
+  [[nodiscard]] py::object get() const { return py::reinterpret_borrow<py::object>(object_); }
+  [[nodiscard]] PyObject* ptr() const { return object_; }
+
+ private:
+  PyObject* object_ = nullptr;
+};
+
+// ---- Binding entry points
+// ------------------------------------------------------------------------
+
+void bind_core(py::module_& m);
+void bind_inference(py::module_& m);
+void bind_generation(py::module_& m);
+
+}  // namespace orvo_python
