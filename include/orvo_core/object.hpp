@@ -1,8 +1,12 @@
 #pragma once
 
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace orvo_core {
+
+class Any;
 
 /// Base of every type whose instances an `Any` can refer to (chunks, emitters, collaborators,
 /// components). Instances are held by `std::shared_ptr` and compared by identity unless a
@@ -28,6 +32,10 @@ class Object {
 
   /// Equality used by `Any`; the default is identity.
   [[nodiscard]] virtual bool equals(const Object& other) const;
+
+  /// The items, when the object is a fixed sequence that a host language keeps as its own value
+  /// (a tuple), so that code reading pairs can take one; none by default.
+  [[nodiscard]] virtual std::optional<std::vector<Any>> items() const;
 };
 
 }  // namespace orvo_core

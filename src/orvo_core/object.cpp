@@ -1,5 +1,7 @@
 #include "orvo_core/object.hpp"
 
+#include "orvo_core/any.hpp"
+
 #include <cxxabi.h>
 
 #include <cstdlib>
@@ -32,6 +34,10 @@ std::string Object::str() const {
 
 bool Object::equals(const Object& other) const {
   return this == &other;
+}
+
+std::optional<std::vector<Any>> Object::items() const {
+  return std::nullopt;
 }
 
 }  // namespace orvo_core

@@ -65,6 +65,16 @@ bool PyObjectRef::equals(const orvo_core::Object& other) const {
   return object().equal(that->object());
 }
 
+std::optional<std::vector<Any>> PyObjectRef::items() const {
+  const py::gil_scoped_acquire gil;
+  if (!PyTuple_Check(object_)) return std::nullopt;
+  std::vector<Any> items;
+  for (py::handle item : py::reinterpret_borrow<py::tuple>(object_)) {
+    items.push_back(to_any_detached(item));
+  }
+  return items;
+}
+
 // ---- Strings -----------------------------------------------------------------------------------
 
 std::string to_utf8(py::handle text) {

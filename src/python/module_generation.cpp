@@ -97,10 +97,37 @@ class FormatterState : public PySettings {
   std::shared_ptr<GilObject> chunk_callable;
 };
 
+// The hooks every component family shares: the event texts and the type name.
 template <class Base>
-class PyFormatter : public Base, public FormatterState {
+class PyComponent : public Base {
  public:
   using Base::Base;
+
+  [[nodiscard]] std::string _format_input_event(const orvo_core::Map& input) const override {
+    const py::gil_scoped_acquire gil;
+    if (py::function f = py::get_override(static_cast<const Base*>(this), "_format_input_event")) {
+      return to_utf8(py::str(f(to_py(Any(input)))));
+    }
+    return Base::_format_input_event(input);
+  }
+
+  [[nodiscard]] std::string _format_output_event(const Any& output) const override {
+    const py::gil_scoped_acquire gil;
+    if (py::function f = py::get_override(static_cast<const Base*>(this), "_format_output_event")) {
+      return to_utf8(py::str(f(to_py(output))));
+    }
+    return Base::_format_output_event(output);
+  }
+
+  [[nodiscard]] std::string type_name() const override {
+    return python_type_name(static_cast<const Base*>(this), typeid(Base), Base::type_name());
+  }
+};
+
+template <class Base>
+class PyFormatter : public PyComponent<Base>, public FormatterState {
+ public:
+  using PyComponent<Base>::PyComponent;
 
   orvo_core::Awaitable<Any> format_reference(std::string response, Chunks chunks,
                                              std::shared_ptr<EventEmitter> event_emitter) override {
@@ -134,26 +161,6 @@ class PyFormatter : public Base, public FormatterState {
     }
     return Base::_format_as_string(chunks);
   }
-
-  [[nodiscard]] std::string _format_input_event(const orvo_core::Map& input) const override {
-    const py::gil_scoped_acquire gil;
-    if (py::function f = py::get_override(static_cast<const Base*>(this), "_format_input_event")) {
-      return to_utf8(py::str(f(to_py(Any(input)))));
-    }
-    return Base::_format_input_event(input);
-  }
-
-  [[nodiscard]] std::string _format_output_event(const Any& output) const override {
-    const py::gil_scoped_acquire gil;
-    if (py::function f = py::get_override(static_cast<const Base*>(this), "_format_output_event")) {
-      return to_utf8(py::str(f(to_py(output))));
-    }
-    return Base::_format_output_event(output);
-  }
-
-  [[nodiscard]] std::string type_name() const override {
-    return python_type_name(static_cast<const Base*>(this), typeid(Base), Base::type_name());
-  }
 };
 
 // The LM-based formatter's context hooks are overridable too.
@@ -181,9 +188,9 @@ class PyLMFormatter : public PyFormatter<rf::LMBasedReferenceFormatter> {
 };
 
 template <class Base>
-class PySynthesizer : public Base {
+class PySynthesizer : public PyComponent<Base> {
  public:
-  using Base::Base;
+  using PyComponent<Base>::PyComponent;
 
   orvo_core::Awaitable<std::string> synthesize_response(Any query, Any state_variables, Any history,
                                                         std::shared_ptr<EventEmitter> event_emitter,
@@ -209,26 +216,6 @@ class PySynthesizer : public Base {
           std::string(py::str(py::type::handle_of(result).attr("__name__"))));
     }
     co_return to_utf8(result);
-  }
-
-  [[nodiscard]] std::string _format_input_event(const orvo_core::Map& input) const override {
-    const py::gil_scoped_acquire gil;
-    if (py::function f = py::get_override(static_cast<const Base*>(this), "_format_input_event")) {
-      return to_utf8(py::str(f(to_py(Any(input)))));
-    }
-    return Base::_format_input_event(input);
-  }
-
-  [[nodiscard]] std::string _format_output_event(const Any& output) const override {
-    const py::gil_scoped_acquire gil;
-    if (py::function f = py::get_override(static_cast<const Base*>(this), "_format_output_event")) {
-      return to_utf8(py::str(f(to_py(output))));
-    }
-    return Base::_format_output_event(output);
-  }
-
-  [[nodiscard]] std::string type_name() const override {
-    return python_type_name(static_cast<const Base*>(this), typeid(Base), Base::type_name());
   }
 };
 
@@ -454,9 +441,9 @@ orvo_core::Awaitable<Any> text_as_any(orvo_core::Awaitable<std::string> text) {
 
 template <class T>
 py::object synthesize(std::shared_ptr<T> self, const py::object& query,
-                   const py::object& state_variables, const py::object& history,
-                   const py::object& event_emitter, const py::object& system_contents,
-                   const py::object& user_contents) {
+                      const py::object& state_variables, const py::object& history,
+                      const py::object& event_emitter, const py::object& system_contents,
+                      const py::object& user_contents) {
   auto session = std::make_shared<Session>();
   Any query_value = session->to_any(query);
   Any variables = session->to_any(state_variables);

@@ -136,6 +136,8 @@ class PyObjectRef : public orvo_core::Object {
   [[nodiscard]] std::string repr() const override;
   [[nodiscard]] std::string str() const override;
   [[nodiscard]] bool equals(const orvo_core::Object& other) const override;
+  /// A tuple's items, converted; nothing for any other object.
+  [[nodiscard]] std::optional<std::vector<orvo_core::Any>> items() const override;
 
  private:
   PyObject* object_;

@@ -1,6 +1,7 @@
 #include "orvo_inference/prompt/prompt_template.hpp"
 
 #include <algorithm>
+#include <optional>
 
 #include "orvo_core/errors.hpp"
 #include "orvo_core/text.hpp"
@@ -97,9 +98,13 @@ Any message_content(std::string text, const Any& contents) {
 ChatMessage history_turn(const Any& turn, std::size_t index) {
   Any role;
   Any content;
-  if (turn.is_list() && turn.as_list().size() == 2) {
-    role = turn.as_list()[0];
-    content = turn.as_list()[1];
+  // A host's tuple pair serves as well as a list.
+  std::optional<List> items;
+  if (turn.is_object()) items = turn.as_object()->items();
+  const List* pair = turn.is_list() ? &turn.as_list() : items ? &*items : nullptr;
+  if (pair != nullptr && pair->size() == 2) {
+    role = (*pair)[0];
+    content = (*pair)[1];
   } else if (turn.is_map()) {
     role = orvo_core::get(turn.as_map(), "role");
     content = orvo_core::get(turn.as_map(), "content");
