@@ -155,7 +155,7 @@ void call_on_loop(const std::shared_ptr<GilObject>& loop, Deliver deliver) {
 }
 
 std::shared_ptr<GilObject> running_loop() {
-  return std::make_shared<GilObject>(py::module_::import("asyncio").attr("get_running_loop")());
+  return std::make_shared<GilObject>(get_running_loop());
 }
 
 // Runs `work` on the I/O thread and resumes the awaiting coroutine on the asyncio thread.

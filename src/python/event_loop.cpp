@@ -125,9 +125,24 @@ void pump() {
   } while (pump_again);
 }
 
+namespace {
+
+// An attribute of asyncio, looked up once. Never destroyed, like the loop context.
+const py::object& asyncio_function(const char* name) {
+  return *new py::object(py::module_::import("asyncio").attr(name));
+}
+
+}  // namespace
+
+py::object get_running_loop() {
+  static const py::object& function = asyncio_function("get_running_loop");
+  return function();
+}
+
 orvo_core::Awaitable<py::object> await_python(py::object awaitable) {
   if (!is_awaitable(awaitable)) co_return awaitable;
-  py::object future = py::module_::import("asyncio").attr("ensure_future")(awaitable);
+  static const py::object& ensure_future = asyncio_function("ensure_future");
+  py::object future = ensure_future(awaitable);
   FutureWait wait(std::move(future));
   py::object result = co_await asio::async_initiate<const asio::use_awaitable_t<>&, PySignature>(
       std::move(wait), asio::use_awaitable);
@@ -184,7 +199,7 @@ py::object Pending(orvo_core::Awaitable<py::object> work) {
 
 py::object PendingCall::await_() {
   if (!work_) throw py::value_error("cannot await an orvo operation twice");
-  py::object loop = py::module_::import("asyncio").attr("get_running_loop")();
+  py::object loop = get_running_loop();
   py::object future = loop.attr("create_future")();
   Settle settle(future);
   orvo_core::Awaitable<py::object> work = std::move(*work_);

@@ -36,6 +36,10 @@ boost::asio::io_context& loop_context();
 /// running one to go round once more.
 void pump();
 
+/// `asyncio.get_running_loop()`; the function is looked up once, as importing costs more than
+/// the call.
+py::object get_running_loop();
+
 /// Awaits a Python awaitable (coroutine, task, future) on the running asyncio loop; a value that
 /// is not awaitable is the result itself. A Python exception arrives as `py::error_already_set`
 /// holding the very exception object.
