@@ -405,20 +405,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string context = describe(kwargs);
 
   // What may change: the stuff synthesizer writes a non-empty query into a non-empty
-  // state-variables map of the caller's, once the emitter argument has been accepted.
+  // state-variables map of the caller's.
   const Any query = orvo_core::get(kwargs, "query");
   const Any* state_entry = orvo_core::find(kwargs, "state_variables");
   const Any state = state_entry != nullptr ? *state_entry : orvo_core::get(kwargs, "variables");
-  bool emitter_accepted = true;
-  if (setup.streamable) {
-    try {
-      (void)orvo_core::event_emitter_argument(kwargs);
-    } catch (const orvo_core::TypeError&) {
-      emitter_accepted = false;
-    }
-  }
-  const bool writes_query = setup.kind == Kind::Stuff && emitter_accepted && state.truthy() &&
-                            state.is_map() && query.truthy();
+  const bool writes_query =
+      setup.kind == Kind::Stuff && state.truthy() && state.is_map() && query.truthy();
   std::optional<Any> old_query;
   if (writes_query) {
     if (const Any* q = orvo_core::find(state.as_map(), "query")) old_query = *q;
@@ -525,17 +517,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       ORVO_FUZZ_CHECK(setup.lm->calls.size() == calls, context);
       if (*setup.batch < 0) ORVO_FUZZ_CHECK(!result.truthy(), context);
     }
-  } else {
+  } else if (setup.kind == Kind::StaticList) {
     ORVO_FUZZ_CHECK(result.is_string(), context);
-    if (setup.kind == Kind::StaticList) {
-      expected.push_back(result.as_string());
-      type = orvo_core::EventType::RESPONSE;
+    expected.push_back(result.as_string());
+    type = orvo_core::EventType::RESPONSE;
+  } else {
+    ORVO_FUZZ_CHECK(setup.lm->calls.size() == 1, context);
+    ORVO_FUZZ_CHECK(fingerprint.of(result) == fingerprint.of(setup.lm_answers[0]),
+                    context + " the answer is returned unchanged");
+    const auto& call = setup.lm->calls[0];
+    // A value that is not an emitter is passed on as one that fails when used.
+    const Any given = orvo_core::get(kwargs, "event_emitter");
+    if (!setup.streamable || !given.truthy()) {
+      ORVO_FUZZ_CHECK(call.event_emitter == nullptr, context);
+    } else if (kwargs_emitter) {
+      ORVO_FUZZ_CHECK(call.event_emitter == kwargs_emitter, context);
     } else {
-      ORVO_FUZZ_CHECK(setup.lm->calls.size() == 1, context);
-      const auto& call = setup.lm->calls[0];
-      ORVO_FUZZ_CHECK(call.event_emitter == (setup.streamable ? kwargs_emitter : nullptr), context);
-      if (writes_query) ORVO_FUZZ_CHECK(call.prompt_kwargs == state.map_ptr(), context);
+      ORVO_FUZZ_CHECK(call.event_emitter != nullptr, context);
     }
+    if (writes_query) ORVO_FUZZ_CHECK(call.prompt_kwargs == state.map_ptr(), context);
   }
   if (!setup.streamable || recording == nullptr) expected.clear();
   ORVO_FUZZ_CHECK(sent.size() == expected.size(), context + " events: " +

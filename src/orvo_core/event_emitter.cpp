@@ -18,14 +18,30 @@ Awaitable<void> EventEmitter::emit(std::string value, EventLevel level, EventTyp
   }
 }
 
+namespace {
+
+// A value given as the emitter that is none: the type is not checked up front, so the error
+// comes where an event would be emitted, and a call that emits nothing succeeds.
+class NotAnEmitter final : public EventEmitter {
+ public:
+  explicit NotAnEmitter(std::string type) : type_(std::move(type)) {}
+  Awaitable<void> emit(std::string /*value*/, EventLevel /*level*/, EventType /*type*/) override {
+    throw TypeError("'" + type_ + "' object has no attribute 'emit'");
+    co_return;
+  }
+  [[nodiscard]] std::string type_name() const override { return type_; }
+
+ private:
+  std::string type_;
+};
+
+}  // namespace
+
 std::shared_ptr<EventEmitter> event_emitter_argument(const Map& kwargs) {
   const Any value = get(kwargs, "event_emitter");
-  auto emitter = value.as<EventEmitter>();
-  // Components call `emit` on it, so anything given that is not an emitter is refused up front.
-  if (!emitter && value.truthy()) {
-    throw TypeError("`event_emitter` must be an EventEmitter, got " + value.type_name());
-  }
-  return emitter;
+  if (auto emitter = value.as<EventEmitter>()) return emitter;
+  if (!value.truthy()) return nullptr;
+  return std::make_shared<NotAnEmitter>(value.type_name());
 }
 
 }  // namespace orvo_core

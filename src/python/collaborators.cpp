@@ -5,6 +5,8 @@
 
 #include <boost/asio/any_completion_handler.hpp>
 #include <boost/asio/async_result.hpp>
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -22,19 +24,45 @@ std::string name_of(const py::object& object) {
   return py::str(py::type::handle_of(object).attr("__name__"));
 }
 
-// Whether `value` is an instance of a bound class itself, not of a Python subclass of one.
+}  // namespace
+
 bool is_native(py::handle value) {
   const auto* info = py::detail::get_type_info(Py_TYPE(value.ptr()));
   return info != nullptr && info->type == Py_TYPE(value.ptr());
 }
 
+// ---- Python collaborators ----------------------------------------------------------------------
+
+namespace {
+
+// The members of a bound enumeration by value, looked up once: the module lives for good.
+template <class Enum>
+py::object member(Enum value) {
+  static const auto* members = [] {
+    auto* table = new std::vector<py::object>();
+    for (auto [name, item] : py::type::of<Enum>().attr("__members__").template cast<py::dict>()) {
+      const auto index = static_cast<std::size_t>(item.template cast<Enum>());
+      if (table->size() <= index) table->resize(index + 1);
+      (*table)[index] = py::reinterpret_borrow<py::object>(item);
+    }
+    return table;
+  }();
+  return (*members)[static_cast<std::size_t>(value)];
+}
+
 }  // namespace
 
-// ---- Python collaborators ----------------------------------------------------------------------
+py::object to_py(orvo_core::EventLevel level) {
+  return member(level);
+}
+
+py::object to_py(orvo_core::EventType type) {
+  return member(type);
+}
 
 orvo_core::Awaitable<void> PyEventEmitter::emit(std::string value, orvo_core::EventLevel level,
                                                 orvo_core::EventType type) {
-  py::object call = target_.get().attr("emit")(to_py_str(value), py::cast(level), py::cast(type));
+  py::object call = target_.get().attr("emit")(to_py_str(value), to_py(level), to_py(type));
   co_await await_python(std::move(call));
 }
 
@@ -53,7 +81,8 @@ orvo_core::Awaitable<Any> PyLMRequestProcessor::process(
   py::object call = target_.get().attr("process")(to_py(Any(std::move(prompt_kwargs))),
                                                   to_py(history), **keywords);
   py::object result = co_await await_python(std::move(call));
-  co_return to_any_detached(result);
+  // The synthesizer hands this answer on unchanged, so a container stays the very object.
+  co_return passed_on(result);
 }
 
 orvo_core::Awaitable<Any> PyLMRequestProcessor::process_variables(
@@ -87,10 +116,8 @@ std::string PyEMInvoker::type_name() const {
 }
 
 std::shared_ptr<orvo_core::EventEmitter> emitter_from_py(py::handle value) {
-  if (!py::bool_(py::reinterpret_borrow<py::object>(value))) return nullptr;
-  if (py::isinstance<orvo_core::EventEmitter>(value)) {
-    return value.cast<std::shared_ptr<orvo_core::EventEmitter>>();
-  }
+  if (!truthy(value)) return nullptr;
+  if (py::isinstance<orvo_core::EventEmitter>(value)) return hold<orvo_core::EventEmitter>(value);
   return std::make_shared<PyEventEmitter>(py::reinterpret_borrow<py::object>(value));
 }
 
@@ -130,28 +157,59 @@ std::string python_type_name(const void* self, const std::type_info& type, std::
 namespace {
 
 // One thread for the network I/O of the C++ HTTP collaborators, started when first needed.
-// Calls that involve only Python collaborators never start it.
-asio::io_context& io_context() {
-  static auto* context = [] {
-    auto* c = new asio::io_context(1);
-    std::thread([c] {
-      auto guard = asio::make_work_guard(*c);
-      c->run();
-    }).detach();
-    return c;
+// Calls that involve only Python collaborators never start it. It is stopped and joined when
+// the interpreter exits, before finalization, so that it never touches a dying interpreter;
+// what it had in flight is abandoned, never destroyed. The state is guarded by the GIL.
+struct IoThread {
+  asio::io_context context{1};
+  std::thread thread;
+  bool stopped = false;
+};
+
+void stop_io_thread();
+
+IoThread& io_thread() {
+  static auto* io = [] {
+    auto* t = new IoThread();
+    py::module_::import("atexit").attr("register")(py::cpp_function(&stop_io_thread));
+    t->thread = std::thread([t] {
+      auto guard = asio::make_work_guard(t->context);
+      t->context.run();
+    });
+    return t;
   }();
-  return *context;
+  return *io;
 }
 
-// Calls `deliver()` on the asyncio thread of `loop`, from any thread.
+void stop_io_thread() {
+  IoThread& io = io_thread();
+  if (io.stopped) return;
+  io.stopped = true;
+  io.context.stop();
+  const py::gil_scoped_release release;  // what the thread is doing may need the GIL to finish
+  if (io.thread.joinable()) io.thread.join();
+}
+
+asio::io_context& io_context() {
+  IoThread& io = io_thread();
+  if (io.stopped) throw std::runtime_error("the interpreter is exiting: no network call starts");
+  return io.context;
+}
+
+// Calls `deliver()` on the asyncio thread of `loop`, from any thread. A loop that has closed
+// meanwhile gets nothing: the reply is dropped.
 template <class Deliver>
 void call_on_loop(const std::shared_ptr<GilObject>& loop, Deliver deliver) {
   const py::gil_scoped_acquire gil;
-  py::cpp_function callback([deliver = std::move(deliver)]() mutable {
-    deliver();
-    pump();
-  });
-  loop->get().attr("call_soon_threadsafe")(callback);
+  try {
+    py::cpp_function callback([deliver = std::move(deliver)]() mutable {
+      deliver();
+      pump();
+    });
+    loop->get().attr("call_soon_threadsafe")(callback);
+  } catch (py::error_already_set&) {
+    // "Event loop is closed": nobody is left to take the reply.
+  }
 }
 
 std::shared_ptr<GilObject> running_loop() {
@@ -166,10 +224,19 @@ class OnIoThread {
 
   template <class Handler>
   void operator()(Handler&& handler) {
+    asio::io_context& io = io_context();
+    asio::cancellation_slot slot = asio::get_associated_cancellation_slot(handler);
     auto state = std::make_shared<asio::any_completion_handler<void(std::exception_ptr, T)>>(
         std::forward<Handler>(handler));
     auto loop = running_loop();
-    auto done = [state, loop](std::exception_ptr error, T result) {
+    // Cancellation crosses to the I/O thread, where the call's socket operation is cancelled.
+    // The signal holds the I/O coroutine's cancellation state, so it is released on that thread
+    // once the coroutine is gone; `finished` is read and written there only.
+    auto signal = std::make_shared<asio::cancellation_signal>();
+    auto finished = std::make_shared<bool>(false);
+    auto done = [state, loop, signal, finished, &io](std::exception_ptr error, T result) {
+      *finished = true;
+      asio::post(io, [keep = signal] {});
       auto shared = std::make_shared<std::pair<std::exception_ptr, T>>(error, std::move(result));
       call_on_loop(loop, [state, shared] {
         asio::post(loop_context(), [state, shared] {
@@ -178,7 +245,16 @@ class OnIoThread {
         });
       });
     };
-    asio::co_spawn(io_context(), std::move(work_), std::move(done));
+    if (slot.is_connected()) {
+      std::weak_ptr<asio::cancellation_signal> weak = signal;
+      slot.assign([&io, weak, finished](asio::cancellation_type_t type) {
+        asio::post(io, [weak, finished, type] {
+          const auto live = weak.lock();
+          if (live && !*finished) live->emit(type);
+        });
+      });
+    }
+    asio::co_spawn(io, std::move(work_), asio::bind_cancellation_slot(signal->slot(), done));
   }
 
  private:

@@ -89,8 +89,13 @@ class IoEMInvoker : public orvo_inference::BaseEMInvoker {
   std::shared_ptr<orvo_inference::BaseEMInvoker> inner_;
 };
 
-/// The emitter a Python value stands for: null for a false value, the object itself for an
-/// `EventEmitter`, an adapter for anything else (its `emit` is looked up when it is called).
+/// The member of the bound enumeration, itself (`EventLevel.INFO`), not a new object per event.
+py::object to_py(orvo_core::EventLevel level);
+py::object to_py(orvo_core::EventType type);
+
+/// The emitter a Python value stands for: null for None or a false value (`0`, `""`, `[]`, ...),
+/// the object itself for an `EventEmitter`, an adapter for any other object (its `emit` is looked
+/// up when it is called, so a wrong one fails only where an event is emitted).
 std::shared_ptr<orvo_core::EventEmitter> emitter_from_py(py::handle value);
 
 /// The request processor a Python object stands for: a native one as it is, anything else

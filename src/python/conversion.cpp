@@ -1,7 +1,9 @@
 // Python values to `Any` and back, keeping the identity of the containers a call was given.
 
 #include <bit>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -20,6 +22,22 @@ constexpr int kMaxDepth = 1000;
 
 bool interpreter_alive() {
   return Py_IsInitialized() != 0 && _Py_IsFinalizing() == 0;
+}
+
+// A value with no C++ kind (an int beyond 64 bits, a dict keyed by other things than strings)
+// travels as a reference to itself.
+Any reference_to(py::handle value) {
+  return Any(std::make_shared<PyObjectRef>(py::reinterpret_borrow<py::object>(value)));
+}
+
+bool has_str_keys(py::handle dict) {
+  PyObject* key = nullptr;
+  PyObject* item = nullptr;
+  Py_ssize_t position = 0;
+  while (PyDict_Next(dict.ptr(), &position, &key, &item) != 0) {
+    if (PyUnicode_Check(key) == 0) return false;
+  }
+  return true;
 }
 }  // namespace
 
@@ -212,10 +230,7 @@ Any Session::convert(py::handle value, int depth) {
   if (PyLong_Check(object)) {
     int overflow = 0;
     const long long number = PyLong_AsLongLongAndOverflow(object, &overflow);
-    if (overflow != 0) {
-      PyErr_SetString(PyExc_OverflowError, "int does not fit in 64 bits");
-      throw py::error_already_set();
-    }
+    if (overflow != 0) return reference_to(value);
     if (number == -1 && PyErr_Occurred() != nullptr) throw py::error_already_set();
     return Any(static_cast<std::int64_t>(number));
   }
@@ -223,14 +238,13 @@ Any Session::convert(py::handle value, int depth) {
   if (PyUnicode_Check(object)) return Any(to_utf8(value));
   if (PyDict_Check(object)) return convert_dict(value, depth);
   if (PyList_Check(object)) return convert_list(value, depth);
-  if (py::isinstance<orvo_core::Object>(value)) {
-    return Any(value.cast<std::shared_ptr<orvo_core::Object>>());
-  }
+  if (py::isinstance<orvo_core::Object>(value)) return Any(hold<orvo_core::Object>(value));
   return Any(std::make_shared<PyObjectRef>(py::reinterpret_borrow<py::object>(value)));
 }
 
 Any Session::convert_dict(py::handle value, int depth) {
   if (auto seen = memo_.find(value.ptr()); seen != memo_.end()) return seen->second;
+  if (!has_str_keys(value)) return reference_to(value);
   auto map = std::make_shared<Map>();
   auto bridge = std::make_unique<MapBridge>();
   bridge->cpp = map;
@@ -238,10 +252,6 @@ Any Session::convert_dict(py::handle value, int depth) {
   Any result(map);
   memo_.emplace(value.ptr(), result);
   for (auto [key, item] : py::reinterpret_borrow<py::dict>(value)) {
-    if (!PyUnicode_Check(key.ptr())) {
-      throw orvo_core::TypeError("dict keys must be str, not " +
-                                 std::string(py::str(py::type::handle_of(key).attr("__name__"))));
-    }
     map->insert_or_assign(to_utf8(key), convert(item, depth + 1));
   }
   bridge->snapshot = *map;
@@ -270,6 +280,23 @@ Any Session::convert_list(py::handle value, int depth) {
 Any to_any_detached(py::handle value) {
   Session session;
   return session.to_any(value);
+}
+
+bool truthy(py::handle value) {
+  PyObject* object = value.ptr();
+  if (object == Py_None) return false;
+  const bool value_kind = PyBool_Check(object) || PyLong_Check(object) || PyFloat_Check(object) ||
+                          PyUnicode_Check(object) || PyList_Check(object) || PyDict_Check(object);
+  return !value_kind || PyObject_IsTrue(object) != 0;
+}
+
+Any passed_on(py::handle value) {
+  PyObject* object = value.ptr();
+  if (object == Py_None || PyBool_Check(object) || PyFloat_Check(object) ||
+      PyUnicode_Check(object)) {
+    return to_any_detached(value);
+  }
+  return reference_to(value);
 }
 
 // ---- Back to Python ----------------------------------------------------------------------------
@@ -346,73 +373,136 @@ class BufferOwner {
   bool open = false;
 };
 
-std::shared_ptr<BufferOwner> open_buffer(py::handle value) {
-  if (PyObject_CheckBuffer(value.ptr()) == 0) return nullptr;
-  auto owner = std::make_shared<BufferOwner>();
-  if (PyObject_GetBuffer(value.ptr(), &owner->view, PyBUF_RECORDS_RO) != 0) {
-    throw py::error_already_set();
-  }
-  owner->open = true;
-  return owner;
+std::string type_name_of(py::handle value) {
+  return py::str(py::type::handle_of(value).attr("__name__"));
 }
 
-std::string_view format_of(const Py_buffer& view) {
+// How the numbers of a buffer are stored.
+struct Element {
+  enum class Kind { floating, signed_integer, unsigned_integer } kind;
+  Py_ssize_t size;
+};
+
+// The element type of a buffer, from its format and item size: exporters disagree on the size
+// of 'l' ('<l' is 8 bytes in some), so the item size decides. Anything else is a TypeError.
+Element element_of(const Py_buffer& view) {
   std::string_view format = view.format != nullptr ? view.format : "B";
   if (!format.empty() && (format[0] == '@' || format[0] == '=' || format[0] == '<')) {
     format.remove_prefix(1);
   }
-  return format;
-}
-
-// Element `index` (in elements, C order) of a buffer of floating-point or integer numbers.
-double element(const Py_buffer& view, std::string_view format, Py_ssize_t offset) {
-  const char* at = static_cast<const char*>(view.buf) + offset;
-  const auto load = [at]<class T>(T /*tag*/) {
-    T v;
-    std::memcpy(&v, at, sizeof v);
-    return static_cast<double>(v);
+  const auto refuse = [&format](const char* why) {
+    return orvo_core::TypeError("embedding buffers hold " + std::string(why) +
+                                "; got the format '" + std::string(format) + "'");
   };
-  if (format == "f") return load(float{});
-  if (format == "d") return load(double{});
-  if (format == "e") {
-    throw orvo_core::TypeError("half-precision embeddings are not supported");
+  if (format.size() != 1) throw refuse("plain little-endian numbers");
+  const Py_ssize_t size = view.itemsize;
+  switch (format[0]) {
+    case 'f':
+    case 'd':
+      if (size != 4 && size != 8) throw refuse("32- or 64-bit floating-point numbers");
+      return {Element::Kind::floating, size};
+    case 'b':
+    case 'h':
+    case 'i':
+    case 'l':
+    case 'q':
+    case 'n':
+      if (size != 1 && size != 2 && size != 4 && size != 8) throw refuse("numbers");
+      return {Element::Kind::signed_integer, size};
+    case 'B':
+    case 'H':
+    case 'I':
+    case 'L':
+    case 'Q':
+    case 'N':
+      if (size != 1 && size != 2 && size != 4 && size != 8) throw refuse("numbers");
+      return {Element::Kind::unsigned_integer, size};
+    default:
+      throw refuse("32- or 64-bit floating-point numbers or integers");
   }
-  if (format == "b") return load(static_cast<signed char>(0));
-  if (format == "B") return load(static_cast<unsigned char>(0));
-  if (format == "h") return load(short{});
-  if (format == "H") return load(static_cast<unsigned short>(0));
-  if (format == "i") return load(int{});
-  if (format == "I") return load(0U);
-  if (format == "l" || format == "q") return load(0LL);
-  if (format == "L" || format == "Q") return load(0ULL);
-  throw orvo_core::TypeError("embedding buffers hold numbers; got the format '" +
-                             std::string(format) + "'");
 }
 
-orvo_core::Embedding buffer_row(const Py_buffer& view, Py_ssize_t base, Py_ssize_t length,
-                                Py_ssize_t stride) {
-  const std::string_view format = format_of(view);
-  orvo_core::Embedding row(static_cast<std::size_t>(length));
-  for (Py_ssize_t i = 0; i < length; ++i) {
-    row[static_cast<std::size_t>(i)] = static_cast<float>(element(view, format, base + i * stride));
+template <class T>
+double load(const char* at) {
+  T v;
+  std::memcpy(&v, at, sizeof v);
+  return static_cast<double>(v);
+}
+
+template <class T1, class T2, class T4, class T8>
+double load_sized(const char* at, Py_ssize_t size) {
+  if (size == 1) return load<T1>(at);
+  if (size == 2) return load<T2>(at);
+  return size == 4 ? load<T4>(at) : load<T8>(at);
+}
+
+double element(const char* at, Element type) {
+  switch (type.kind) {
+    case Element::Kind::floating:
+      return type.size == 4 ? load<float>(at) : load<double>(at);
+    case Element::Kind::signed_integer:
+      return load_sized<std::int8_t, std::int16_t, std::int32_t, std::int64_t>(at, type.size);
+    case Element::Kind::unsigned_integer:
+      return load_sized<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t>(at, type.size);
   }
-  return row;
+  return 0;
+}
+
+// A buffer of numbers with `dimensions` dimensions, its shape and strides filled in whatever
+// the exporter gave (some give no strides for contiguous data); null when `value` has no buffer.
+struct Numbers {
+  std::shared_ptr<BufferOwner> owner;
+  Element type{};
+  Py_ssize_t shape[2] = {0, 0};
+  Py_ssize_t strides[2] = {0, 0};
+};
+
+std::optional<Numbers> open_numbers(py::handle value, int dimensions, const char* what) {
+  if (PyObject_CheckBuffer(value.ptr()) == 0) return std::nullopt;
+  auto owner = std::make_shared<BufferOwner>();
+  if (PyObject_GetBuffer(value.ptr(), &owner->view, PyBUF_RECORDS_RO) != 0) {
+    PyErr_Clear();
+    throw orvo_core::TypeError(std::string(what) + " cannot be read from a " + type_name_of(value) +
+                               " buffer");
+  }
+  owner->open = true;
+  const Py_buffer& view = owner->view;
+  if (view.ndim != dimensions) {
+    throw orvo_core::TypeError(std::string(what) + " is " + std::to_string(dimensions) +
+                               "-dimensional; got " + std::to_string(view.ndim) + " dimensions");
+  }
+  Numbers numbers;
+  numbers.type = element_of(view);
+  Py_ssize_t step = view.itemsize;
+  for (int d = dimensions - 1; d >= 0; --d) {
+    numbers.shape[d] = view.shape != nullptr ? view.shape[d] : view.len / view.itemsize;
+    numbers.strides[d] = view.strides != nullptr ? view.strides[d] : step;
+    step *= numbers.shape[d];
+  }
+  numbers.owner = std::move(owner);
+  return numbers;
+}
+
+void append_row(orvo_core::Embedding& out, const Numbers& numbers, Py_ssize_t base,
+                Py_ssize_t length, Py_ssize_t stride) {
+  const char* start = static_cast<const char*>(numbers.owner->view.buf) + base;
+  for (Py_ssize_t i = 0; i < length; ++i) {
+    out.push_back(static_cast<float>(element(start + i * stride, numbers.type)));
+  }
 }
 
 }  // namespace
 
 orvo_core::Embedding to_embedding(py::handle value) {
-  if (auto owner = open_buffer(value)) {
-    const Py_buffer& view = owner->view;
-    if (view.ndim != 1) {
-      throw orvo_core::TypeError("an embedding is one-dimensional; got " +
-                                 std::to_string(view.ndim) + " dimensions");
-    }
-    return buffer_row(view, 0, view.shape[0], view.strides[0]);
+  if (auto numbers = open_numbers(value, 1, "an embedding")) {
+    orvo_core::Embedding row;
+    row.reserve(static_cast<std::size_t>(numbers->shape[0]));
+    append_row(row, *numbers, 0, numbers->shape[0], numbers->strides[0]);
+    return row;
   }
   if (!PySequence_Check(value.ptr()) || PyUnicode_Check(value.ptr())) {
     throw orvo_core::TypeError("an embedding is a list of numbers or a buffer, not " +
-                               std::string(py::str(py::type::handle_of(value).attr("__name__"))));
+                               type_name_of(value));
   }
   auto sequence = py::reinterpret_borrow<py::sequence>(value);
   orvo_core::Embedding row;
@@ -426,34 +516,29 @@ orvo_core::Embedding to_embedding(py::handle value) {
 }
 
 orvo_core::Embeddings to_embeddings(py::handle value) {
-  if (auto owner = open_buffer(value)) {
-    const Py_buffer& view = owner->view;
-    if (view.ndim != 2) {
-      throw orvo_core::TypeError("a batch of embeddings is two-dimensional; got " +
-                                 std::to_string(view.ndim) + " dimensions");
-    }
-    const auto rows = static_cast<std::size_t>(view.shape[0]);
-    const auto dim = static_cast<std::size_t>(view.shape[1]);
-    const bool contiguous_float32 = format_of(view) == "f" && view.itemsize == 4 &&
-                                    view.strides[1] == 4 &&
-                                    view.strides[0] == static_cast<Py_ssize_t>(4 * dim);
+  if (auto numbers = open_numbers(value, 2, "a batch of embeddings")) {
+    const auto rows = static_cast<std::size_t>(numbers->shape[0]);
+    const auto dim = static_cast<std::size_t>(numbers->shape[1]);
+    const bool contiguous_float32 = numbers->type.kind == Element::Kind::floating &&
+                                    numbers->type.size == 4 && numbers->strides[1] == 4 &&
+                                    numbers->strides[0] == static_cast<Py_ssize_t>(4 * dim);
     if (contiguous_float32) {
       // Shared, not copied: the buffer stays open until the last reader lets go.
-      std::shared_ptr<const float> data(owner, static_cast<const float*>(view.buf));
+      std::shared_ptr<const float> data(numbers->owner,
+                                        static_cast<const float*>(numbers->owner->view.buf));
       return {std::move(data), rows, dim};
     }
     std::vector<float> data;
     data.reserve(rows * dim);
     for (std::size_t r = 0; r < rows; ++r) {
-      const orvo_core::Embedding row = buffer_row(
-          view, static_cast<Py_ssize_t>(r) * view.strides[0], view.shape[1], view.strides[1]);
-      data.insert(data.end(), row.begin(), row.end());
+      append_row(data, *numbers, static_cast<Py_ssize_t>(r) * numbers->strides[0],
+                 numbers->shape[1], numbers->strides[1]);
     }
     return {std::move(data), rows, dim};
   }
   if (!PySequence_Check(value.ptr()) || PyUnicode_Check(value.ptr())) {
     throw orvo_core::TypeError("embeddings are a list of vectors or a 2-D buffer, not " +
-                               std::string(py::str(py::type::handle_of(value).attr("__name__"))));
+                               type_name_of(value));
   }
   std::vector<orvo_core::Embedding> rows;
   for (py::handle row : py::reinterpret_borrow<py::sequence>(value)) {

@@ -7,6 +7,8 @@
 
 #include <boost/asio/any_completion_handler.hpp>
 #include <boost/asio/async_result.hpp>
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -43,22 +45,77 @@ class PumpGuard {
   ~PumpGuard() { pumping = false; }
 };
 
-// Delivers a finished Python future to the C++ coroutine that waits for it.
-void deliver(const std::shared_ptr<PyHandler>& handler, const py::object& future) {
-  std::exception_ptr error;
-  py::object result = py::none();
-  try {
-    result = future.attr("result")();
-  } catch (py::error_already_set&) {
-    error = std::current_exception();
+// A Python done callback that calls `Call` with the future, made with the C API: a callback is
+// made for every awaited collaborator call, and a bound C++ function costs microseconds.
+template <class Call>
+py::object done_callback(Call call) {
+  static PyMethodDef definition{
+      "_orvo_done",
+      [](PyObject* capsule, PyObject* future) -> PyObject* {
+        auto* held = static_cast<Call*>(PyCapsule_GetPointer(capsule, "orvo.done"));
+        try {
+          (*held)(py::reinterpret_borrow<py::object>(future));
+        } catch (py::error_already_set& e) {
+          e.restore();
+          return nullptr;
+        }
+        Py_RETURN_NONE;
+      },
+      METH_O, nullptr};
+  auto* held = new Call(std::move(call));
+  PyObject* capsule = PyCapsule_New(held, "orvo.done", [](PyObject* c) {
+    delete static_cast<Call*>(PyCapsule_GetPointer(c, "orvo.done"));
+  });
+  if (capsule == nullptr) {
+    delete held;
+    throw py::error_already_set();
   }
-  auto resume = [handler, error, result = std::move(result)]() mutable {
-    PyHandler h = std::move(*handler);
-    std::move(h)(error, std::move(result));
-  };
-  asio::post(loop_context(), std::move(resume));
-  pump();
+  PyObject* function = PyCFunction_New(&definition, capsule);
+  Py_DECREF(capsule);
+  if (function == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::object>(function);
 }
+
+// Cancels a Python future when the C++ operation that awaits it is cancelled.
+class CancelFuture {
+ public:
+  explicit CancelFuture(std::shared_ptr<GilObject> future) : future_(std::move(future)) {}
+  void operator()(asio::cancellation_type_t /*type*/) const {
+    const py::gil_scoped_acquire gil;
+    try {
+      future_->get().attr("cancel")();
+    } catch (py::error_already_set& e) {
+      e.discard_as_unraisable("cancelling an awaited orvo collaborator");
+    }
+  }
+
+ private:
+  std::shared_ptr<GilObject> future_;
+};
+
+// The C++ coroutine that waits for a Python future: resumed on the loop context when the
+// future is done; its cancellation cancels the future.
+struct Waiter {
+  PyHandler handler;
+  asio::cancellation_slot slot;
+
+  void operator()(const py::object& future) {
+    if (!handler) return;
+    if (slot.is_connected()) slot.clear();
+    std::exception_ptr error;
+    py::object result = py::none();
+    try {
+      result = future.attr("result")();
+    } catch (py::error_already_set&) {
+      error = std::current_exception();
+    }
+    auto resume = [h = std::move(handler), error, result = std::move(result)]() mutable {
+      std::move(h)(error, std::move(result));
+    };
+    asio::post(loop_context(), std::move(resume));
+    pump();
+  }
+};
 
 class FutureWait {
  public:
@@ -66,9 +123,11 @@ class FutureWait {
 
   template <class Handler>
   void operator()(Handler&& handler) {
-    auto state = std::make_shared<PyHandler>(std::forward<Handler>(handler));
-    py::cpp_function done([state](py::object future) { deliver(state, future); });
-    future_.attr("add_done_callback")(done);
+    asio::cancellation_slot slot = asio::get_associated_cancellation_slot(handler);
+    Waiter waiter{PyHandler(std::forward<Handler>(handler)), slot};
+    py::object callback = done_callback(std::move(waiter));
+    if (slot.is_connected()) slot.assign(CancelFuture(std::make_shared<GilObject>(future_)));
+    future_.attr("add_done_callback")(callback);
   }
 
  private:
@@ -79,12 +138,17 @@ bool is_awaitable(const py::handle& value) {
   return PyCoro_CheckExact(value.ptr()) != 0 || py::hasattr(value, "__await__");
 }
 
-// Settles the asyncio future of a started call.
+// Settles the asyncio future of a started call. Once it has run, cancelling the call has
+// nothing left to cancel. It keeps the call's cancellation signal alive, since the coroutine's
+// cancellation state lives in the signal's slot.
 class Settle {
  public:
-  explicit Settle(py::object future) : future_(std::move(future)) {}
+  Settle(py::object future, std::shared_ptr<asio::cancellation_signal> signal,
+         std::shared_ptr<bool> finished)
+      : future_(std::move(future)), signal_(std::move(signal)), finished_(std::move(finished)) {}
 
   void operator()(const std::exception_ptr& error, py::object result) const {
+    *finished_ = true;
     try {
       if (future_.attr("done")().cast<bool>()) return;  // cancelled by the caller
       if (error) {
@@ -99,6 +163,8 @@ class Settle {
 
  private:
   py::object future_;
+  std::shared_ptr<asio::cancellation_signal> signal_;
+  std::shared_ptr<bool> finished_;
 };
 
 py::object new_exception(PyObject* type, const char* message) {
@@ -141,8 +207,14 @@ py::object get_running_loop() {
 
 orvo_core::Awaitable<py::object> await_python(py::object awaitable) {
   if (!is_awaitable(awaitable)) co_return awaitable;
-  static const py::object& ensure_future = asyncio_function("ensure_future");
-  py::object future = ensure_future(awaitable);
+  // A task of its own, so that the collaborator sees `current_task` and `asyncio.timeout` work.
+  py::object future;
+  if (PyCoro_CheckExact(awaitable.ptr()) != 0) {
+    future = get_running_loop().attr("create_task")(awaitable);
+  } else {
+    static const py::object& ensure_future = asyncio_function("ensure_future");
+    future = ensure_future(awaitable);
+  }
   FutureWait wait(std::move(future));
   py::object result = co_await asio::async_initiate<const asio::use_awaitable_t<>&, PySignature>(
       std::move(wait), asio::use_awaitable);
@@ -201,10 +273,21 @@ py::object PendingCall::await_() {
   if (!work_) throw py::value_error("cannot await an orvo operation twice");
   py::object loop = get_running_loop();
   py::object future = loop.attr("create_future")();
-  Settle settle(future);
+  // Cancelling the awaiting task cancels the future, and with it the C++ work: the operation
+  // it awaits (a collaborator's task, a network call) is cancelled in turn.
+  auto signal = std::make_shared<asio::cancellation_signal>();
+  auto finished = std::make_shared<bool>(false);
+  auto on_done = [signal, finished](const py::object& done) {
+    if (*finished || !done.attr("cancelled")().cast<bool>()) return;
+    signal->emit(asio::cancellation_type::terminal);
+    pump();
+  };
+  Settle settle(future, signal, finished);
   orvo_core::Awaitable<py::object> work = std::move(*work_);
   work_.reset();
-  asio::co_spawn(loop_context(), std::move(work), std::move(settle));
+  asio::co_spawn(loop_context(), std::move(work),
+                 asio::bind_cancellation_slot(signal->slot(), std::move(settle)));
+  future.attr("add_done_callback")(done_callback(std::move(on_done)));
   pump();
   return future.attr("__await__")();
 }
@@ -236,15 +319,21 @@ orvo_core::Awaitable<py::object> as_python(orvo_core::Awaitable<orvo_core::Any> 
   co_return converted;
 }
 
-orvo_core::Kwargs to_kwargs(const py::kwargs& kwargs, Session& session) {
+orvo_core::Kwargs to_kwargs(const orvo_core::Component& component, const py::kwargs& kwargs,
+                            Session& session) {
   orvo_core::Kwargs converted;
   for (auto [key, value] : kwargs) {
     std::string name = to_utf8(key);
+    orvo_core::Any any;
     if (name == "event_emitter") {
-      converted.insert_or_assign(std::move(name), orvo_core::Any(emitter_from_py(value)));
+      any = orvo_core::Any(emitter_from_py(value));
+    } else if (reads_key(component, name)) {
+      any = session.to_any(value);
     } else {
-      converted.insert_or_assign(std::move(name), session.to_any(value));
+      any =
+          orvo_core::Any(std::make_shared<PyObjectRef>(py::reinterpret_borrow<py::object>(value)));
     }
+    converted.insert_or_assign(std::move(name), std::move(any));
   }
   return converted;
 }

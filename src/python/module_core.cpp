@@ -32,7 +32,7 @@ class PyEmitterTrampoline : public EventEmitter {
       co_await EventEmitter::emit(std::move(value), level, type);
       co_return;
     }
-    py::object call = override(to_py_str(value), py::cast(level), py::cast(type));
+    py::object call = override(to_py_str(value), to_py(level), to_py(type));
     co_await await_python(std::move(call));
   }
 

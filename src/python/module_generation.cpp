@@ -1,6 +1,10 @@
 // Bindings of the reference formatters and response synthesizers. Python subclasses override the
 // asynchronous operations with `async def` and the text hooks with plain methods.
 
+#include <array>
+#include <type_traits>
+
+#include <pybind11/eval.h>
 #include <pybind11/stl.h>
 
 #include "orvo_core/errors.hpp"
@@ -18,6 +22,7 @@ using orvo_core::Any;
 using orvo_core::Chunk;
 using orvo_core::EventEmitter;
 using rf::Chunks;
+using rs::StaticListResponseSynthesizer;
 
 namespace {
 
@@ -38,7 +43,7 @@ Chunks chunks_from_py(py::handle value) {
       throw orvo_core::TypeError("chunks must be a list of Chunk; found " +
                                  std::string(py::str(py::type::handle_of(item).attr("__name__"))));
     }
-    chunks.push_back(item.cast<std::shared_ptr<Chunk>>());
+    chunks.push_back(hold<Chunk>(item));
   }
   return chunks;
 }
@@ -76,25 +81,43 @@ Any metadata_map(const py::object& value, std::shared_ptr<Session>& settings) {
   return settings->to_any(value);
 }
 
-// `format_chunk_as_string(metadata_map)`: reads its map again at every call.
-class ChunkFormatter : public PySettings {
- public:
-  explicit ChunkFormatter(const py::object& map) {
-    function = rf::format_chunk_as_string(metadata_map(map, settings));
-  }
-  explicit ChunkFormatter(rf::FormatChunkFunc f) : function(std::move(f)) {}
-  py::object call(const Chunk& chunk) {
-    pull();
-    return to_py(function(chunk));
-  }
-  rf::FormatChunkFunc function;
-};
+// The module's shared default metadata map, and its `format_chunk_as_string`: a plain Python
+// function, so that what it returns is one too. Both live as long as the module.
+py::object* default_metadata_map = nullptr;
+py::object* format_chunk_as_string_function = nullptr;
 
-// Python-side state of a formatter: the callables it was given, for the attributes.
+// Python-side state of a formatter: the callables behind its attributes.
 class FormatterState : public PySettings {
  public:
   std::shared_ptr<GilObject> references_callable;
   std::shared_ptr<GilObject> chunk_callable;
+};
+
+// Sets up a formatter built from Python: without a chunk function it formats with the default
+// one over the given metadata map, or over the module's shared default map when none (or an
+// empty one) is given; either map is read again at every call. The attribute shows the plain
+// function that `format_chunk_as_string` makes for that map, the same object at every read.
+template <class T>
+std::shared_ptr<T> configured(std::shared_ptr<T> self, const py::object& references,
+                              const py::object& chunk, const py::object& map) {
+  if (!references.is_none()) self->references_callable = std::make_shared<GilObject>(references);
+  if (!chunk.is_none()) {
+    self->chunk_callable = std::make_shared<GilObject>(chunk);
+    return self;
+  }
+  const py::object chosen = truthy(map) ? map : *default_metadata_map;
+  self->format_chunk_func = rf::format_chunk_as_string(metadata_map(chosen, self->settings));
+  self->chunk_callable = std::make_shared<GilObject>((*format_chunk_as_string_function)(chosen));
+  return self;
+}
+
+// What a formatter built from Python can do beyond its C++ class: format references around a
+// Python `_get_relevant_chunks`, whose very list is then the result.
+class PythonFormatter {
+ public:
+  virtual ~PythonFormatter() = default;
+  virtual orvo_core::Awaitable<Any> format_reference_here(
+      std::string response, py::object chunks, std::shared_ptr<EventEmitter> event_emitter) = 0;
 };
 
 // The hooks every component family shares: the event texts and the type name.
@@ -125,7 +148,7 @@ class PyComponent : public Base {
 };
 
 template <class Base>
-class PyFormatter : public PyComponent<Base>, public FormatterState {
+class PyFormatter : public PyComponent<Base>, public FormatterState, public PythonFormatter {
  public:
   using PyComponent<Base>::PyComponent;
 
@@ -133,14 +156,36 @@ class PyFormatter : public PyComponent<Base>, public FormatterState {
                                              std::shared_ptr<EventEmitter> event_emitter) override {
     py::function override = py::get_override(static_cast<const Base*>(this), "format_reference");
     if (!override) {
-      co_return co_await Base::format_reference(std::move(response), std::move(chunks),
-                                                std::move(event_emitter));
+      if (!py::get_override(static_cast<const Base*>(this), "_get_relevant_chunks")) {
+        co_return co_await Base::format_reference(std::move(response), std::move(chunks),
+                                                  std::move(event_emitter));
+      }
+      co_return co_await format_reference_here(std::move(response), chunks_to_py(chunks),
+                                               std::move(event_emitter));
     }
     py::object call = override(py::arg("response") = to_py_str(response),
                                py::arg("chunks") = chunks_to_py(chunks),
                                py::arg("event_emitter") = collaborator_to_py(event_emitter));
     py::object result = co_await await_python(std::move(call));
     co_return to_any_detached(result);
+  }
+
+  orvo_core::Awaitable<Any> format_reference_here(
+      std::string response, py::object chunks,
+      std::shared_ptr<EventEmitter> event_emitter) override {
+    py::function override =
+        py::get_override(static_cast<const Base*>(this), "_get_relevant_chunks");
+    if (!override) {
+      co_return co_await Base::format_reference(std::move(response), chunks_from_py(chunks),
+                                                std::move(event_emitter));
+    }
+    py::object call = override(to_py_str(response), chunks);
+    py::object relevant_list = co_await await_python(std::move(call));
+    Chunks relevant = chunks_from_py(relevant_list);
+    Any references = this->stringify ? Any(this->_format_as_string(relevant))
+                                     : Any(std::make_shared<PyObjectRef>(std::move(relevant_list)));
+    co_await this->stream_references(references, relevant, std::move(event_emitter));
+    co_return references;
   }
 
   orvo_core::Awaitable<Chunks> _get_relevant_chunks(std::string response, Chunks chunks) override {
@@ -192,10 +237,10 @@ class PySynthesizer : public PyComponent<Base> {
  public:
   using PyComponent<Base>::PyComponent;
 
-  orvo_core::Awaitable<std::string> synthesize_response(Any query, Any state_variables, Any history,
-                                                        std::shared_ptr<EventEmitter> event_emitter,
-                                                        Any system_multimodal_contents,
-                                                        Any user_multimodal_contents) override {
+  orvo_core::Awaitable<Any> synthesize_response(Any query, Any state_variables, Any history,
+                                                std::shared_ptr<EventEmitter> event_emitter,
+                                                Any system_multimodal_contents,
+                                                Any user_multimodal_contents) override {
     py::function override = py::get_override(static_cast<const Base*>(this), "synthesize_response");
     if (!override) {
       co_return co_await Base::synthesize_response(std::move(query), std::move(state_variables),
@@ -210,14 +255,80 @@ class PySynthesizer : public PyComponent<Base> {
         py::arg("system_multimodal_contents") = to_py(system_multimodal_contents),
         py::arg("user_multimodal_contents") = to_py(user_multimodal_contents));
     py::object result = co_await await_python(std::move(call));
-    if (!PyUnicode_Check(result.ptr())) {
-      throw orvo_core::TypeError(
-          "synthesize_response must return a str, not " +
-          std::string(py::str(py::type::handle_of(result).attr("__name__"))));
-    }
-    co_return to_utf8(result);
+    co_return passed_on(result);
   }
 };
+
+// The static list synthesizer built from Python: constructors check nothing, so a text given
+// that is not a string is kept as it is and fails only where it is used.
+class PyStaticList : public PySynthesizer<rs::StaticListResponseSynthesizer> {
+ public:
+  using PySynthesizer::PySynthesizer;
+
+  orvo_core::Awaitable<Any> synthesize_response(Any query, Any state_variables, Any history,
+                                                std::shared_ptr<EventEmitter> event_emitter,
+                                                Any system_multimodal_contents,
+                                                Any user_multimodal_contents) override {
+    if (!py::get_override(static_cast<const StaticListResponseSynthesizer*>(this),
+                          "synthesize_response")) {
+      check_texts(state_variables);
+    }
+    co_return co_await PySynthesizer::synthesize_response(
+        std::move(query), std::move(state_variables), std::move(history), std::move(event_emitter),
+        std::move(system_multimodal_contents), std::move(user_multimodal_contents));
+  }
+
+  /// Raises `TypeError` when a text that this call would use is not a string.
+  void check_texts(const Any& state_variables) const {
+    const Any* list = state_variables.is_map()
+                          ? orvo_core::find(state_variables.as_map(), "context_list")
+                          : nullptr;
+    if (list == nullptr || !list->is_list()) return;  // the synthesizer's own error comes first
+    for (const Any& item : list->as_list()) {
+      if (!item.is_string()) return;
+    }
+    const auto require = [this](std::size_t i) {
+      if (!odd[i]) return;
+      throw orvo_core::TypeError(
+          std::string("`") + kNames[i] + "` must be a str, not " +
+          std::string(py::str(py::type::handle_of(odd[i]->get()).attr("__name__"))));
+    };
+    if (list->as_list().empty()) {
+      require(1);
+    } else {
+      require(0);
+      require(2);
+    }
+  }
+
+  /// The texts given that are not strings: `preceding_line`, `fallback_response`, `delimiter`.
+  std::array<std::shared_ptr<GilObject>, 3> odd;
+  static constexpr std::array<const char*, 3> kNames = {"preceding_line", "fallback_response",
+                                                        "delimiter"};
+};
+
+std::string* static_list_text(StaticListResponseSynthesizer& self, std::size_t i) {
+  std::array<std::string*, 3> texts = {&self.preceding_line, &self.fallback_response,
+                                       &self.delimiter};
+  return texts[i];
+}
+
+void set_static_list_text(StaticListResponseSynthesizer& self, std::size_t i,
+                          const py::object& value) {
+  auto* python = dynamic_cast<PyStaticList*>(&self);
+  if (PyUnicode_Check(value.ptr()) != 0 || python == nullptr) {
+    *static_list_text(self, i) = to_utf8(value);
+    if (python != nullptr) python->odd[i].reset();
+    return;
+  }
+  python->odd[i] = std::make_shared<GilObject>(value);
+}
+
+py::object static_list_text_value(StaticListResponseSynthesizer& self, std::size_t i) {
+  auto* python = dynamic_cast<PyStaticList*>(&self);
+  if (python != nullptr && python->odd[i]) return python->odd[i]->get();
+  return to_py_str(*static_list_text(self, i));
+}
 
 orvo_core::Awaitable<py::object> chunks_result(orvo_core::Awaitable<Chunks> work,
                                                std::shared_ptr<void> keep) {
@@ -251,7 +362,7 @@ void bind_formatter_members(Class& c) {
           [](T& self) -> py::object {
             auto* state = dynamic_cast<FormatterState*>(&self);
             if (state != nullptr && state->chunk_callable) return state->chunk_callable->get();
-            return py::cast(std::make_shared<ChunkFormatter>(self.format_chunk_func));
+            return py::none();
           },
           [](T& self, const py::object& function) {
             self.format_chunk_func = chunk_func(function);
@@ -261,14 +372,32 @@ void bind_formatter_members(Class& c) {
           });
 }
 
-template <class T>
-void keep_callables(T& self, const py::object& references, const py::object& chunk) {
-  if (!references.is_none()) self.references_callable = std::make_shared<GilObject>(references);
-  if (!chunk.is_none()) self.chunk_callable = std::make_shared<GilObject>(chunk);
+// `format_chunk_as_string` as a plain Python function over the module's `_format_chunk`.
+py::object make_format_chunk_as_string(const py::module_& m) {
+  py::dict scope;
+  scope["_format_chunk"] = m.attr("_format_chunk");
+  py::exec(R"(
+def format_chunk_as_string(metadata_map):
+    """Creates a function that formats a chunk as a string of reference."""
+    def _format_chunk_as_string(chunk):
+        return _format_chunk(chunk, metadata_map)
+    return _format_chunk_as_string
+)",
+           scope);
+  return scope["format_chunk_as_string"];
+}
+
+// A flag given to a constructor, by the truth test: constructors check nothing.
+bool flag(const py::object& value) {
+  return truthy(value);
 }
 
 void bind_reference_formatters(py::module_& m) {
-  m.attr("DEFAULT_FORMAT_CHUNK_METADATA_MAP") = to_py(rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP);
+  py::dict default_map;
+  default_map["title"] = "file_name";
+  default_map["url"] = "file_url";
+  default_metadata_map = new py::object(default_map);
+  m.attr("DEFAULT_FORMAT_CHUNK_METADATA_MAP") = default_map;
   m.attr("DEFAULT_THRESHOLD") = rf::DEFAULT_THRESHOLD;
   m.attr("DEFAULT_BATCH_SIZE") = rf::DEFAULT_BATCH_SIZE;
   m.attr("DEFAULT_REFERENCE_METADATA") = rf::DEFAULT_REFERENCE_METADATA;
@@ -281,25 +410,25 @@ void bind_reference_formatters(py::module_& m) {
       },
       py::arg("formatted_chunks"), "Formats a list of formatted chunks as a string of references.");
 
-  py::class_<ChunkFormatter, std::shared_ptr<ChunkFormatter>>(m, "_ChunkFormatter")
-      .def("__call__", &ChunkFormatter::call, py::arg("chunk"));
   m.def(
-      "format_chunk_as_string",
-      [](const py::object& metadata_map) { return std::make_shared<ChunkFormatter>(metadata_map); },
-      py::arg("metadata_map"), "Creates a function that formats a chunk as a string of reference.");
+      "_format_chunk",
+      [](const Chunk& chunk, const py::object& map) {
+        return to_py(rf::format_chunk_as_string(to_any_detached(map))(chunk));
+      },
+      py::arg("chunk"), py::arg("metadata_map"));
+  format_chunk_as_string_function = new py::object(make_format_chunk_as_string(m));
+  m.attr("format_chunk_as_string") = *format_chunk_as_string_function;
 
   using Base = rf::BaseReferenceFormatter;
   py::class_<Base, orvo_core::Component, PyFormatter<Base>, std::shared_ptr<Base>> base(
       m, "BaseReferenceFormatter", "Defines a base class for reference formatters.");
-  base.def(py::init([](bool stringify, const py::object& references, const py::object& chunk,
-                       const py::object& map, bool streamable) {
-             std::shared_ptr<Session> settings;
-             Any converted = metadata_map(map, settings);
-             auto self = std::make_shared<PyFormatter<Base>>(
-                 stringify, references_func(references), chunk_func(chunk), converted, streamable);
-             self->settings = settings;
-             keep_callables(*self, references, chunk);
-             return self;
+  base.def(py::init([](const py::object& stringify, const py::object& references,
+                       const py::object& chunk, const py::object& map,
+                       const py::object& streamable) {
+             return configured(
+                 std::make_shared<PyFormatter<Base>>(flag(stringify), references_func(references),
+                                                     chunk_func(chunk), Any(), flag(streamable)),
+                 references, chunk, map);
            }),
            py::arg("stringify") = true, py::arg("format_references_func") = py::none(),
            py::arg("format_chunk_func") = py::none(),
@@ -315,8 +444,13 @@ void bind_reference_formatters(py::module_& m) {
           [](std::shared_ptr<Base> self, std::string response, const py::object& chunks,
              const py::object& event_emitter) {
             if (auto* settings = dynamic_cast<PySettings*>(self.get())) settings->pull();
-            orvo_core::Awaitable<Any> work = self->Base::format_reference(
-                std::move(response), chunks_from_py(chunks), emitter_from_py(event_emitter));
+            auto* python = dynamic_cast<PythonFormatter*>(self.get());
+            orvo_core::Awaitable<Any> work =
+                python != nullptr
+                    ? python->format_reference_here(std::move(response), chunks,
+                                                    emitter_from_py(event_emitter))
+                    : self->Base::format_reference(std::move(response), chunks_from_py(chunks),
+                                                   emitter_from_py(event_emitter));
             return Pending(
                 as_python(std::move(work), std::make_shared<Session>(), keep_alive(self)));
           },
@@ -349,17 +483,14 @@ void bind_reference_formatters(py::module_& m) {
   py::class_<Similarity, Base, PyFormatter<Similarity>, std::shared_ptr<Similarity>>(
       m, "SimilarityBasedReferenceFormatter",
       "Keeps the chunks whose content embedding is similar enough to the response's.")
-      .def(py::init([](const py::object& em_invoker, double threshold, bool stringify,
+      .def(py::init([](const py::object& em_invoker, double threshold, const py::object& stringify,
                        const py::object& references, const py::object& chunk, const py::object& map,
-                       bool streamable) {
-             std::shared_ptr<Session> settings;
-             Any converted = metadata_map(map, settings);
-             auto self = std::make_shared<PyFormatter<Similarity>>(
-                 invoker_from_py(em_invoker), threshold, stringify, references_func(references),
-                 chunk_func(chunk), converted, streamable);
-             self->settings = settings;
-             keep_callables(*self, references, chunk);
-             return self;
+                       const py::object& streamable) {
+             return configured(
+                 std::make_shared<PyFormatter<Similarity>>(
+                     invoker_from_py(em_invoker), threshold, flag(stringify),
+                     references_func(references), chunk_func(chunk), Any(), flag(streamable)),
+                 references, chunk, map);
            }),
            py::arg("em_invoker"), py::arg("threshold") = rf::DEFAULT_THRESHOLD,
            py::arg("stringify") = true, py::arg("format_references_func") = py::none(),
@@ -375,7 +506,9 @@ void bind_reference_formatters(py::module_& m) {
           "_get_relevant_chunks",
           [](std::shared_ptr<Similarity> self, std::string response, const py::object& chunks) {
             orvo_core::Awaitable<Chunks> work =
-                self->Similarity::_get_relevant_chunks(std::move(response), chunks_from_py(chunks));
+                // No chunks, no request: absent counts as none.
+                self->Similarity::_get_relevant_chunks(
+                    std::move(response), truthy(chunks) ? chunks_from_py(chunks) : Chunks());
             return Pending(chunks_result(std::move(work), keep_alive(self)));
           },
           py::arg("response"), py::arg("chunks"));
@@ -385,18 +518,15 @@ void bind_reference_formatters(py::module_& m) {
       m, "LMBasedReferenceFormatter",
       "Lets a language model judge which chunks are relevant, a batch at a time.")
       .def(py::init([](const py::object& processor, const py::object& batch_size,
-                       const py::object& reference_metadata, bool stringify,
+                       const py::object& reference_metadata, const py::object& stringify,
                        const py::object& references, const py::object& chunk, const py::object& map,
-                       bool streamable) {
-             std::shared_ptr<Session> settings;
-             Any converted = metadata_map(map, settings);
-             auto self = std::make_shared<PyLMFormatter>(
-                 processor_from_py(processor), to_any_detached(batch_size),
-                 to_any_detached(reference_metadata), stringify, references_func(references),
-                 chunk_func(chunk), converted, streamable);
-             self->settings = settings;
-             keep_callables(*self, references, chunk);
-             return self;
+                       const py::object& streamable) {
+             return configured(
+                 std::make_shared<PyLMFormatter>(
+                     processor_from_py(processor), to_any_detached(batch_size),
+                     to_any_detached(reference_metadata), flag(stringify),
+                     references_func(references), chunk_func(chunk), Any(), flag(streamable)),
+                 references, chunk, map);
            }),
            py::arg("lm_request_processor"), py::arg("batch_size") = rf::DEFAULT_BATCH_SIZE,
            py::arg("reference_metadata") = rf::DEFAULT_REFERENCE_METADATA,
@@ -434,11 +564,6 @@ void bind_reference_formatters(py::module_& m) {
       });
 }
 
-orvo_core::Awaitable<Any> text_as_any(orvo_core::Awaitable<std::string> text) {
-  std::string result = co_await std::move(text);
-  co_return Any(std::move(result));
-}
-
 template <class T>
 py::object synthesize(std::shared_ptr<T> self, const py::object& query,
                       const py::object& state_variables, const py::object& history,
@@ -447,13 +572,17 @@ py::object synthesize(std::shared_ptr<T> self, const py::object& query,
   auto session = std::make_shared<Session>();
   Any query_value = session->to_any(query);
   Any variables = session->to_any(state_variables);
+  if constexpr (std::is_same_v<T, StaticListResponseSynthesizer>) {
+    if (const auto* python = dynamic_cast<const PyStaticList*>(self.get())) {
+      python->check_texts(variables.truthy() ? variables : Any());
+    }
+  }
   Any history_value = session->to_any(history);
   Any system_value = session->to_any(system_contents);
   Any user_value = session->to_any(user_contents);
-  orvo_core::Awaitable<std::string> text = self->T::synthesize_response(
+  orvo_core::Awaitable<Any> work = self->T::synthesize_response(
       std::move(query_value), std::move(variables), std::move(history_value),
       emitter_from_py(event_emitter), std::move(system_value), std::move(user_value));
-  orvo_core::Awaitable<Any> work = text_as_any(std::move(text));
   return Pending(as_python(std::move(work), std::move(session), keep_alive(self)));
 }
 
@@ -510,24 +639,42 @@ void bind_response_synthesizers(py::module_& m) {
   bind_synthesize<Stuff>(stuff);
 
   using StaticList = rs::StaticListResponseSynthesizer;
-  py::class_<StaticList, Base, PySynthesizer<StaticList>, std::shared_ptr<StaticList>> list(
+  py::class_<StaticList, Base, PyStaticList, std::shared_ptr<StaticList>> list(
       m, "StaticListResponseSynthesizer",
       "Defines a response synthesizer that synthesizes a static list response.");
-  list.def(py::init([](std::string prefix, std::string fallback, std::string delimiter,
-                       bool streamable) {
-             return std::make_shared<PySynthesizer<StaticList>>(
-                 std::move(prefix), std::move(fallback), std::move(delimiter), streamable);
+  list.def(py::init([](const py::object& prefix, const py::object& fallback,
+                       const py::object& delimiter, const py::object& streamable) {
+             auto self = std::make_shared<PyStaticList>("", "", "", flag(streamable));
+             const std::array<const py::object*, 3> texts = {&prefix, &fallback, &delimiter};
+             for (std::size_t i = 0; i < texts.size(); ++i) {
+               set_static_list_text(*self, i, *texts[i]);
+             }
+             return self;
            }),
            py::arg("response_prefix") = rs::DEFAULT_RESPONSE_PREFIX,
            py::arg("fallback_response") = rs::DEFAULT_FALLBACK_RESPONSE,
-           py::arg("delimiter") = "\n", py::arg("streamable") = true)
-      .def_readwrite("preceding_line", &StaticList::preceding_line)
-      .def_readwrite("fallback_response", &StaticList::fallback_response)
-      .def_readwrite("delimiter", &StaticList::delimiter);
+           py::arg("delimiter") = "\n", py::arg("streamable") = true);
+  for (std::size_t i = 0; i < PyStaticList::kNames.size(); ++i) {
+    list.def_property(
+        PyStaticList::kNames[i], [i](StaticList& self) { return static_list_text_value(self, i); },
+        [i](StaticList& self, const py::object& value) { set_static_list_text(self, i, value); });
+  }
   bind_synthesize<StaticList>(list);
 }
 
 }  // namespace
+
+bool reads_key(const orvo_core::Component& component, std::string_view name) {
+  if (dynamic_cast<const rf::BaseReferenceFormatter*>(&component) != nullptr) {
+    return name == "response" || name == "chunks";
+  }
+  if (dynamic_cast<const rs::BaseResponseSynthesizer*>(&component) != nullptr) {
+    return name == "query" || name == "state_variables" || name == "variables" ||
+           name == "history" || name == "system_multimodal_contents" ||
+           name == "user_multimodal_contents";
+  }
+  return true;
+}
 
 void bind_generation(py::module_& m) {
   bind_reference_formatters(m);

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "collaborators.hpp"
+#include "orvo_core/schema/component.hpp"
 #include "python_support.hpp"
 
 namespace orvo_python {
@@ -50,16 +51,21 @@ orvo_core::Awaitable<py::object> as_python(orvo_core::Awaitable<orvo_core::Any> 
                                            std::shared_ptr<Session> session,
                                            std::shared_ptr<void> keep);
 
-/// The keyword arguments of one invocation: the value under "event_emitter" stands for an
-/// emitter (any object with `emit` serves), the rest are converted in `session`.
-orvo_core::Kwargs to_kwargs(const py::kwargs& kwargs, Session& session);
+/// Whether `component` reads the keyword argument `name` (the keys of its family's `_run`).
+bool reads_key(const orvo_core::Component& component, std::string_view name);
+
+/// The keyword arguments of one invocation of `component`: the value under "event_emitter"
+/// stands for an emitter (any object with `emit` serves), the other keys it reads are converted
+/// in `session`, and the rest travel unconverted, as references to themselves.
+orvo_core::Kwargs to_kwargs(const orvo_core::Component& component, const py::kwargs& kwargs,
+                            Session& session);
 
 /// Starts nothing: returns the awaitable of `call(*self, kwargs)` for a bound method.
 template <class Self, class Call>
 py::object start_component_call(std::shared_ptr<Self> self, const py::kwargs& kwargs, Call call) {
   if (auto* settings = dynamic_cast<PySettings*>(self.get())) settings->pull();
   auto session = std::make_shared<Session>();
-  orvo_core::Kwargs converted = to_kwargs(kwargs, *session);
+  orvo_core::Kwargs converted = to_kwargs(*self, kwargs, *session);
   orvo_core::Awaitable<orvo_core::Any> work = call(*self, std::move(converted));
   return Pending(as_python(std::move(work), std::move(session), keep_alive(std::move(self))));
 }

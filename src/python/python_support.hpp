@@ -117,6 +117,14 @@ py::str to_py_str(std::string_view text);
 /// A Python value converted on its own, for results of Python collaborators.
 orvo_core::Any to_any_detached(py::handle value);
 
+/// The truth test of the value a Python object stands for: None and empty or zero values of the
+/// value kinds are false; every other object is true, whatever its `__bool__` or `__len__` say.
+bool truthy(py::handle value);
+
+/// A Python value that C++ only passes on: scalars and strings as values, anything else as a
+/// reference to the object itself, so that the caller gets back the very object.
+orvo_core::Any passed_on(py::handle value);
+
 /// A Python string as UTF-8 (lone surrogates U+DC80..U+DCFF become the bytes they stand for).
 std::string to_utf8(py::handle text);
 
@@ -147,6 +155,9 @@ class PyObjectRef : public orvo_core::Object {
   PyObject* object_;
 };
 
+/// Whether `value` is an instance of a bound class itself, not of a Python subclass of one.
+bool is_native(py::handle value);
+
 /// Holds a Python reference and drops it with the GIL, for state that C++ may release anywhere.
 class GilObject {
  public:
@@ -161,6 +172,23 @@ class GilObject {
  private:
   PyObject* object_ = nullptr;
 };
+
+/// The C++ object of an instance of a bound class. For an instance of a Python subclass the
+/// pointer also keeps the Python instance alive, since its overrides live there: C++ may hold
+/// the object long after Python dropped its last reference.
+template <class T>
+std::shared_ptr<T> hold(py::handle value) {
+  auto cpp = value.cast<std::shared_ptr<T>>();
+  if (is_native(value)) return cpp;
+  struct Both {
+    Both(std::shared_ptr<T> c, py::object p) : cpp(std::move(c)), python(std::move(p)) {}
+    std::shared_ptr<T> cpp;
+    GilObject python;
+  };
+  T* raw = cpp.get();
+  auto both = std::make_shared<Both>(std::move(cpp), py::reinterpret_borrow<py::object>(value));
+  return std::shared_ptr<T>(std::move(both), raw);
+}
 
 // ---- Binding entry points
 // ------------------------------------------------------------------------

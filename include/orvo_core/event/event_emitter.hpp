@@ -29,7 +29,8 @@ class EventEmitter : public Object {
 };
 
 /// The emitter that an invocation's keyword arguments give under "event_emitter": null when the
-/// key is missing or its value counts as false, a `TypeError` when it is anything else.
+/// key is missing or its value counts as false; any other value that is not an emitter stands
+/// for one whose `emit` raises `TypeError`, so the error comes only where an event is emitted.
 [[nodiscard]] std::shared_ptr<EventEmitter> event_emitter_argument(const Map& kwargs);
 
 }  // namespace orvo_core

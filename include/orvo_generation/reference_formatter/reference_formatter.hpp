@@ -64,6 +64,13 @@ class BaseReferenceFormatter : public orvo_core::Component {
       std::string response, Chunks chunks,
       std::shared_ptr<orvo_core::EventEmitter> event_emitter = nullptr);
 
+  /// Streams `references` (what `format_reference` returns: the reference text, or a list
+  /// holding `relevant_chunks`) to `event_emitter`: the text as one reference event, or one
+  /// event per chunk with the text form of its dump; nothing when it is empty.
+  orvo_core::Awaitable<void> stream_references(
+      const orvo_core::Any& references, const Chunks& relevant_chunks,
+      std::shared_ptr<orvo_core::EventEmitter> event_emitter);
+
   /// The chunks relevant to `response`, as a new list of the given chunks. Abstract; the base's
   /// body raises `NotImplementedError`.
   virtual orvo_core::Awaitable<Chunks> _get_relevant_chunks(std::string response,

@@ -25,8 +25,9 @@ class BaseResponseSynthesizer : public orvo_core::Component {
   /// `synthesize_response` with them. No key is required; other keys are ignored.
   orvo_core::Awaitable<orvo_core::Any> _run(orvo_core::Kwargs kwargs) override;
 
-  /// The response text. Abstract; the base's body raises `NotImplementedError`.
-  virtual orvo_core::Awaitable<std::string> synthesize_response(
+  /// The response: a string by contract, though a synthesizer that relays a collaborator's
+  /// answer returns it unchanged. Abstract; the base's body raises `NotImplementedError`.
+  virtual orvo_core::Awaitable<orvo_core::Any> synthesize_response(
       orvo_core::Any query = {}, orvo_core::Any state_variables = {}, orvo_core::Any history = {},
       std::shared_ptr<orvo_core::EventEmitter> event_emitter = nullptr,
       orvo_core::Any system_multimodal_contents = {},

@@ -28,7 +28,7 @@ class StaticListResponseSynthesizer : public BaseResponseSynthesizer {
   /// "<preceding_line>1. a<delimiter>2. b", or `fallback_response` for an empty list; emitted
   /// once (INFO, RESPONSE) when an emitter is given. A missing "context_list", or one that is
   /// not a list of strings, is a `ValueError`. Only the state variables and the emitter are used.
-  orvo_core::Awaitable<std::string> synthesize_response(
+  orvo_core::Awaitable<orvo_core::Any> synthesize_response(
       orvo_core::Any query = {}, orvo_core::Any state_variables = {}, orvo_core::Any history = {},
       std::shared_ptr<orvo_core::EventEmitter> event_emitter = nullptr,
       orvo_core::Any system_multimodal_contents = {},

@@ -21,8 +21,8 @@ class StuffResponseSynthesizer : public BaseResponseSynthesizer, public orvo_inf
   /// Awaits one `process` call. The prompt variables are the caller's own `state_variables` map
   /// when it has entries (so the caller sees the "query" entry afterwards), a new map
   /// otherwise; a non-empty query is set under "query". History, emitter and multimodal
-  /// contents go to `process` unchanged. A result that is not a string is a `TypeError`.
-  orvo_core::Awaitable<std::string> synthesize_response(
+  /// contents go to `process` unchanged, and its answer is returned unchanged.
+  orvo_core::Awaitable<orvo_core::Any> synthesize_response(
       orvo_core::Any query = {}, orvo_core::Any state_variables = {}, orvo_core::Any history = {},
       std::shared_ptr<orvo_core::EventEmitter> event_emitter = nullptr,
       orvo_core::Any system_multimodal_contents = {},

@@ -230,30 +230,34 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::format_reference(
   if (stringify) {
     references = _format_as_string(relevant_chunks);
   } else {
-    List list;
-    list.reserve(relevant_chunks.size());
-    for (auto& chunk : relevant_chunks) list.emplace_back(std::move(chunk));
-    references = std::move(list);
+    references = List(relevant_chunks.begin(), relevant_chunks.end());
   }
-  if (event_emitter && references.truthy()) {
-    if (references.is_string()) {
-      std::string value = reference_payload(references.as_string());
-      co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
-                                   orvo_core::EventType::DATA);
-    } else {
-      // Every text is built before the first event, so a failing dump emits nothing.
-      std::vector<std::string> streamed_references;
-      for (const Any& chunk : references.as_list()) {
-        streamed_references.push_back(Any(chunk.as<Chunk>()->model_dump()).str());
-      }
-      for (const std::string& streamed_reference : streamed_references) {
-        std::string value = reference_payload(streamed_reference);
-        co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
-                                     orvo_core::EventType::DATA);
-      }
-    }
-  }
+  co_await stream_references(references, relevant_chunks, std::move(event_emitter));
   co_return std::move(references);
+}
+
+orvo_core::Awaitable<void> BaseReferenceFormatter::stream_references(
+    const Any& references, const Chunks& relevant_chunks,
+    std::shared_ptr<EventEmitter> event_emitter) {
+  if (!event_emitter) co_return;
+  if (references.is_string()) {
+    if (references.as_string().empty()) co_return;
+    std::string value = reference_payload(references.as_string());
+    co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
+                                 orvo_core::EventType::DATA);
+    co_return;
+  }
+  // Every text is built before the first event, so a failing dump emits nothing.
+  std::vector<std::string> streamed_references;
+  streamed_references.reserve(relevant_chunks.size());
+  for (const auto& chunk : relevant_chunks) {
+    streamed_references.push_back(Any(chunk->model_dump()).str());
+  }
+  for (const std::string& streamed_reference : streamed_references) {
+    std::string value = reference_payload(streamed_reference);
+    co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
+                                 orvo_core::EventType::DATA);
+  }
 }
 
 orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_get_relevant_chunks(std::string /*response*/,

@@ -20,18 +20,17 @@ orvo_core::Awaitable<Any> BaseResponseSynthesizer::_run(orvo_core::Kwargs kwargs
       streamable ? orvo_core::event_emitter_argument(kwargs) : nullptr;
   Any system_multimodal_contents = orvo_core::get(kwargs, "system_multimodal_contents");
   Any user_multimodal_contents = orvo_core::get(kwargs, "user_multimodal_contents");
-  std::string response = co_await synthesize_response(
+  co_return co_await synthesize_response(
       std::move(query), std::move(state_variables), std::move(history), std::move(event_emitter),
       std::move(system_multimodal_contents), std::move(user_multimodal_contents));
-  co_return Any(std::move(response));
 }
 
-orvo_core::Awaitable<std::string> BaseResponseSynthesizer::synthesize_response(
+orvo_core::Awaitable<Any> BaseResponseSynthesizer::synthesize_response(
     Any /*query*/, Any /*state_variables*/, Any /*history*/,
     std::shared_ptr<orvo_core::EventEmitter> /*event_emitter*/, Any /*system_multimodal_contents*/,
     Any /*user_multimodal_contents*/) {
   throw orvo_core::NotImplementedError();
-  co_return std::string();
+  co_return Any();
 }
 
 std::string BaseResponseSynthesizer::_format_input_event(const orvo_core::Map& input_dict) const {

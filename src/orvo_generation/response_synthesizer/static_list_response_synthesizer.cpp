@@ -36,7 +36,7 @@ StaticListResponseSynthesizer::StaticListResponseSynthesizer(std::string respons
       fallback_response(std::move(fallback_response)),
       delimiter(std::move(delimiter)) {}
 
-orvo_core::Awaitable<std::string> StaticListResponseSynthesizer::synthesize_response(
+orvo_core::Awaitable<Any> StaticListResponseSynthesizer::synthesize_response(
     Any /*query*/, Any state_variables, Any /*history*/,
     std::shared_ptr<orvo_core::EventEmitter> event_emitter, Any /*system_multimodal_contents*/,
     Any /*user_multimodal_contents*/) {
@@ -58,7 +58,7 @@ orvo_core::Awaitable<std::string> StaticListResponseSynthesizer::synthesize_resp
     co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
                                  orvo_core::EventType::RESPONSE);
   }
-  co_return response;
+  co_return Any(std::move(response));
 }
 
 }  // namespace orvo_generation::response_synthesizer

@@ -12,7 +12,7 @@ StuffResponseSynthesizer::StuffResponseSynthesizer(
     std::shared_ptr<orvo_inference::LMRequestProcessor> lm_request_processor, bool streamable)
     : BaseResponseSynthesizer(streamable), lm_request_processor(std::move(lm_request_processor)) {}
 
-orvo_core::Awaitable<std::string> StuffResponseSynthesizer::synthesize_response(
+orvo_core::Awaitable<Any> StuffResponseSynthesizer::synthesize_response(
     Any query, Any state_variables, Any history,
     std::shared_ptr<orvo_core::EventEmitter> event_emitter, Any system_multimodal_contents,
     Any user_multimodal_contents) {
@@ -27,14 +27,9 @@ orvo_core::Awaitable<std::string> StuffResponseSynthesizer::synthesize_response(
     prompt_kwargs = std::make_shared<orvo_core::Map>();
   }
   if (query.truthy()) prompt_kwargs->insert_or_assign("query", std::move(query));
-  const Any response = co_await lm_request_processor->process(
+  co_return co_await lm_request_processor->process(
       std::move(prompt_kwargs), std::move(history), std::move(event_emitter),
       std::move(system_multimodal_contents), std::move(user_multimodal_contents));
-  if (!response.is_string()) {
-    throw orvo_core::TypeError("the request processor must answer with a str, got " +
-                               response.type_name());
-  }
-  co_return response.as_string();
 }
 
 }  // namespace orvo_generation::response_synthesizer

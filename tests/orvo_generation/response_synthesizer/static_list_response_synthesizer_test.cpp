@@ -27,8 +27,9 @@ Any with_list(Any list) {
 std::string synthesize(rs::StaticListResponseSynthesizer& synthesizer, Any state) {
   const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
   try {
-    std::string response = orvo_core::run_sync(
-        synthesizer.synthesize_response(Any("query"), std::move(state), Any(), emitter));
+    std::string response = orvo_core::run_sync(synthesizer.synthesize_response(
+                                                   Any("query"), std::move(state), Any(), emitter))
+                               .as_string();
     EXPECT_EQ(emitter->values(), std::vector<std::string>{response});
     for (const auto& event : emitter->events) {
       EXPECT_EQ(event.level, orvo_core::EventLevel::INFO);

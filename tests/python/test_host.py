@@ -1,0 +1,296 @@
+"""The asyncio host: what C++ holds stays alive, exit and closed loops are quiet, cancellation
+reaches the collaborator, any buffer either works or is a TypeError, and the host's own rules
+for values hold."""
+import array
+import asyncio
+import ctypes
+import gc
+import inspect
+import os
+import subprocess
+import sys
+import textwrap
+import unittest
+
+from orvo_core.event import EventEmitter
+from orvo_core.schema import Chunk
+from orvo_core.utils.similarity import cosine
+from orvo_generation.reference_formatter import SimilarityBasedReferenceFormatter
+from orvo_generation.reference_formatter.reference_formatter import (
+    DEFAULT_FORMAT_CHUNK_METADATA_MAP,
+    BaseReferenceFormatter,
+    format_chunk_as_string,
+)
+from orvo_generation.response_synthesizer import (
+    StaticListResponseSynthesizer,
+    StuffResponseSynthesizer,
+)
+from orvo_inference.em_invoker import OpenAIEMInvoker
+from support import RecordingProcessor, TableInvoker
+
+try:
+    import numpy
+except ImportError:  # only Debian's python3 has it here
+    numpy = None
+
+# The start of the scripts below: an embeddings server in a thread of its own, replying after
+# `delay` seconds.
+EMBEDDINGS_SERVER = textwrap.dedent("""
+    import asyncio, json, sys, threading
+    from orvo_inference.em_invoker import OpenAIEMInvoker
+
+    def serve_in_thread(delay):
+        async def serve(reader, writer):
+            head = await reader.readuntil(b"\\r\\n\\r\\n")
+            length = int(head.lower().split(b"content-length:")[1].split(b"\\r\\n")[0])
+            await reader.readexactly(length)
+            await asyncio.sleep(delay)
+            body = json.dumps({"data": [{"index": 0, "embedding": [1.0, 0.0]}]}).encode()
+            writer.write(b"HTTP/1.1 200 OK\\r\\nContent-Type: application/json\\r\\n"
+                         b"Content-Length: %d\\r\\n\\r\\n%s" % (len(body), body))
+            await writer.drain()
+
+        ready, where = threading.Event(), []
+
+        async def main():
+            server = await asyncio.start_server(serve, "127.0.0.1", 0)
+            where.append("http://127.0.0.1:%d" % server.sockets[0].getsockname()[1])
+            ready.set()
+            await asyncio.sleep(3600)
+
+        threading.Thread(target=asyncio.run, args=(main(),), daemon=True).start()
+        ready.wait()
+        return where[0]
+""")
+
+
+def start_script(body):
+    """Starts a script with this interpreter and the packages under test."""
+    return subprocess.Popen([sys.executable, "-c", EMBEDDINGS_SERVER + textwrap.dedent(body)],
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                            env=dict(os.environ))
+
+
+class Recorder(EventEmitter):
+    def __init__(self, sink):
+        super().__init__()
+        self.sink = sink
+
+    async def emit(self, value, level, type):  # noqa: A002
+        self.sink.append(value)
+
+
+class EmptyRecorder(Recorder):
+    """Present, though `len()` says 0: it still gets its events."""
+
+    def __len__(self):
+        return 0
+
+
+class Sources(Chunk):
+    pass
+
+
+class LifetimeTest(unittest.IsolatedAsyncioTestCase):
+    async def test_python_subclasses_passed_inline_keep_their_overrides(self):
+        invoker = TableInvoker({"x": [1.0, 0.0]})
+        formatter = SimilarityBasedReferenceFormatter(invoker, stringify=False)
+        listing = StaticListResponseSynthesizer()
+        stuff = StuffResponseSynthesizer(RecordingProcessor())
+        cases = [
+            (formatter.run, dict(response="r"), 3),
+            (formatter._run, dict(response="r"), 1),
+            (listing.run, dict(state_variables={"context_list": ["a"]}), 3),
+            (listing._run, dict(state_variables={"context_list": ["a"]}), 1),
+            (stuff.run, dict(query="q"), 2),
+        ]
+        for make, kwargs, events in cases:
+            with self.subTest(make=make.__qualname__):
+                sink = []
+                result = await make(chunks=[Sources(content="x", metadata={"file_name": "A"})],
+                                    event_emitter=Recorder(sink), **kwargs)
+                gc.collect()
+                self.assertEqual(len(sink), events)
+                if isinstance(result, list):
+                    self.assertIsInstance(result[0], Sources)
+
+    async def test_every_object_is_a_present_emitter_and_only_emit_is_checked(self):
+        sink = []
+        formatter = SimilarityBasedReferenceFormatter(TableInvoker({"x": [1.0, 0.0]}))
+        await formatter._run(response="r", chunks=[Chunk(content="x")], event_emitter=EmptyRecorder(sink))
+        await StaticListResponseSynthesizer()._run(state_variables={"context_list": []},
+                                                   event_emitter=EmptyRecorder(sink))
+        self.assertEqual(len(sink), 2)
+        for falsy in (0, "", []):
+            self.assertEqual(await formatter._run(response="r", chunks=[Chunk(content="x")],
+                                                  event_emitter=falsy), "References:\n1. None")
+        self.assertEqual(await formatter._run(response="r", chunks=[], event_emitter=5), "")
+        with self.assertRaises(AttributeError):
+            await formatter._run(response="r", chunks=[Chunk(content="x")], event_emitter=5)
+
+
+class ShutdownTest(unittest.TestCase):
+    def test_exit_after_network_calls_is_clean(self):
+        script = """
+            url = serve_in_thread(0)
+            print(asyncio.run(OpenAIEMInvoker(model="e", base_url=url).invoke("x")))
+        """
+        for run in [start_script(script) for _ in range(12)]:
+            out, err = run.communicate(timeout=60)
+            self.assertEqual((run.returncode, out.strip(), err), (0, "[1.0, 0.0]", ""))
+
+    def test_a_reply_to_a_closed_loop_is_dropped(self):
+        script = """
+            import time
+            url = serve_in_thread(0.3)
+            loop = asyncio.new_event_loop()
+            task = loop.create_task(OpenAIEMInvoker(model="e", base_url=url).invoke("x"))
+            loop.run_until_complete(asyncio.sleep(0.1))
+            loop.close()
+            time.sleep(0.6)
+            print("done")
+        """
+        run = start_script(script)
+        out, err = run.communicate(timeout=60)
+        self.assertEqual((run.returncode, out.strip()), (0, "done"), err)
+
+
+class CancellationTest(unittest.IsolatedAsyncioTestCase):
+    async def test_timed_out_calls_cancel_the_collaborators_task(self):
+        cancelled = []
+
+        class Slow:
+            async def process(self, *args, **kwargs):
+                try:
+                    await asyncio.sleep(60)
+                except asyncio.CancelledError:
+                    cancelled.append(asyncio.current_task())
+                    raise
+
+        synthesizer = StuffResponseSynthesizer(Slow())
+        for _ in range(500):
+            with self.assertRaises(asyncio.TimeoutError):
+                await asyncio.wait_for(synthesizer._run(query="q"), 0.001)
+        for _ in range(3):
+            await asyncio.sleep(0)
+        self.assertEqual(len(cancelled), 500)
+        self.assertEqual(asyncio.all_tasks(), {asyncio.current_task()})
+
+    async def test_a_cancelled_network_call_closes_its_connection(self):
+        accepted, closed = asyncio.Event(), asyncio.Event()
+
+        async def silent(reader, writer):
+            accepted.set()
+            await reader.read()  # b"" once the client goes away
+            closed.set()
+            writer.close()
+
+        server = await asyncio.start_server(silent, "127.0.0.1", 0)
+        url = "http://127.0.0.1:%d" % server.sockets[0].getsockname()[1]
+        task = asyncio.create_task(OpenAIEMInvoker(model="e", base_url=url).invoke("x"))
+        await asyncio.wait_for(accepted.wait(), 10)
+        task.cancel()
+        await asyncio.wait_for(closed.wait(), 1)
+        with self.assertRaises(asyncio.CancelledError):
+            await task
+        server.close()
+
+
+class BufferTest(unittest.TestCase):
+    def test_buffers_work_or_raise_type_error(self):
+        Row = ctypes.c_float * 2
+        cases = [
+            ("ctypes", Row(1.0, 0.0), (Row * 2)(Row(1.0, 0.0), Row(0.0, 2.0)), [1.0, 0.0]),
+            ("ctypes double", (ctypes.c_double * 2)(1.0, 0.0), [[3.0, 0.0]], [1.0]),
+            ("ctypes long", (ctypes.c_long * 2)(1, 0), [[1, 1]], [0.7071]),
+            ("array", array.array("d", [0.0, 1.0]), [[0.0, 5.0]], [1.0]),
+            ("memoryview", memoryview(array.array("i", [1, 0])),
+             memoryview(array.array("h", [1, 0, 0, 1])).cast("B").cast("h", (2, 2)), [1.0, 0.0]),
+            ("bytes", memoryview(b"\x01\x00"), [[1, 0]], [1.0]),
+            ("scalar", memoryview(array.array("f", [1.0])).cast("B").cast("f", ()), [[1]], TypeError),
+            ("2-D vector", memoryview(array.array("f", [1.0, 0.0])).cast("B").cast("f", (1, 2)),
+             [[1, 0]], TypeError),
+        ]
+        if numpy is not None:
+            batch = numpy.array([[1.0, 0.0], [0.0, 1.0], [1.0, 1.0]], dtype=numpy.float32)
+            cases += [
+                ("numpy F order", numpy.float32([1, 0]), numpy.asfortranarray(batch), [1, 0, 0.7071]),
+                ("numpy strided", numpy.float64([1, 9, 0])[::2], batch[::2], [1.0, 0.7071]),
+                ("numpy reversed", numpy.int64([0, 1])[::-1], batch[::-1, ::-1], [0.7071, 1, 0]),
+                ("numpy float16", numpy.float16([1, 0]), batch, TypeError),
+                ("numpy objects", numpy.array([1, None], dtype=object), batch, TypeError),
+                ("numpy records", numpy.zeros(2, dtype="f4,f4"), batch, TypeError),
+            ]
+        for name, vector, vectors, expected in cases:
+            with self.subTest(name):
+                if isinstance(expected, list):
+                    scores = cosine(vector, vectors)
+                    self.assertEqual([round(s, 4) for s in scores], expected)
+                else:
+                    with self.assertRaises(expected):
+                        cosine(vector, vectors)
+
+
+class HostRulesTest(unittest.IsolatedAsyncioTestCase):
+    async def test_the_default_metadata_map_is_one_shared_dict(self):
+        formatter = SimilarityBasedReferenceFormatter(TableInvoker({"x": [1.0, 0.0]}))
+        render = formatter.format_chunk_func
+        self.assertIs(render, formatter.format_chunk_func)
+        self.assertTrue(inspect.isfunction(render))
+        self.assertEqual(render.__name__, "_format_chunk_as_string")
+        self.assertTrue(inspect.isfunction(format_chunk_as_string({})))
+        chunk = Chunk(content="x", metadata={"file_name": "A", "name": "B", "file_url": "a"})
+        DEFAULT_FORMAT_CHUNK_METADATA_MAP["title"] = "name"
+        try:
+            self.assertEqual(await formatter._run(response="r", chunks=[chunk]),
+                             "References:\n1. [B](a)")
+            self.assertEqual(render(chunk), "[B](a)")
+        finally:
+            DEFAULT_FORMAT_CHUNK_METADATA_MAP["title"] = "file_name"
+
+    async def test_arguments_nobody_reads_are_never_converted(self):
+        processor = RecordingProcessor()
+        odd = {"big": 10 ** 30, "keys": {1: 2}}
+        state = {"context": "c", **odd}
+        await StuffResponseSynthesizer(processor)._run(query="q", state_variables=state, **odd)
+        self.assertIs(processor.calls[0][0], state)
+        self.assertIs(processor.calls[0][0]["keys"], odd["keys"])
+        formatter = SimilarityBasedReferenceFormatter(TableInvoker({}))
+        self.assertEqual(await formatter._run(response="r", chunks=[], **odd), "")
+
+    async def test_results_pass_through_unchanged(self):
+        answer = {"not": "a string"}
+        stuff = StuffResponseSynthesizer(RecordingProcessor(answer))
+        self.assertIs(await stuff._run(query="q"), answer)
+        invoker = TableInvoker({})
+        formatter = SimilarityBasedReferenceFormatter(invoker)
+        self.assertEqual(await formatter._get_relevant_chunks("r", None), [])
+        self.assertEqual(invoker.calls, [])
+
+        kept = []
+
+        class Mine(BaseReferenceFormatter):
+            async def _get_relevant_chunks(self, response, chunks):
+                kept[:] = chunks
+                return kept
+
+        sink = []
+        result = await Mine(stringify=False)._run(response="r", chunks=[Chunk(content="x")],
+                                                  event_emitter=Recorder(sink))
+        self.assertIs(result, kept)
+        self.assertEqual(len(sink), 1)
+
+    async def test_constructors_check_nothing(self):
+        listing = StaticListResponseSynthesizer(response_prefix=None)
+        self.assertIsNone(listing.preceding_line)
+        self.assertEqual(await listing._run(state_variables={"context_list": []}),
+                         "Sorry, I couldn't find anything based on your query.")
+        with self.assertRaisesRegex(TypeError, "preceding_line"):
+            await listing._run(state_variables={"context_list": ["a"]})
+        listing.preceding_line = "> "
+        self.assertEqual(await listing._run(state_variables={"context_list": ["a"]}), "> 1. a")
+        self.assertFalse(SimilarityBasedReferenceFormatter(None, stringify=None).stringify)
+
+
+if __name__ == "__main__":
+    unittest.main()
