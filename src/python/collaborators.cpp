@@ -105,7 +105,9 @@ orvo_core::Awaitable<orvo_core::Embedding> PyEMInvoker::invoke(std::string text)
 orvo_core::Awaitable<orvo_core::Embeddings> PyEMInvoker::invoke(
     std::vector<std::string_view> texts) {
   py::list list(texts.size());
-  for (std::size_t i = 0; i < texts.size(); ++i) list[i] = to_py_str(texts[i]);
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    PyList_SET_ITEM(list.ptr(), static_cast<Py_ssize_t>(i), to_py_str(texts[i]).release().ptr());
+  }
   py::object call = target_.get().attr("invoke")(std::move(list));
   py::object result = co_await await_python(std::move(call));
   co_return to_embeddings(result);

@@ -238,6 +238,7 @@ Any Session::convert(py::handle value, int depth) {
   if (PyUnicode_Check(object)) return Any(to_utf8(value));
   if (PyDict_Check(object)) return convert_dict(value, depth);
   if (PyList_Check(object)) return convert_list(value, depth);
+  if (auto chunk = exact_instance<orvo_core::Chunk>(value)) return Any(std::move(chunk));
   if (py::isinstance<orvo_core::Object>(value)) return Any(hold<orvo_core::Object>(value));
   return Any(std::make_shared<PyObjectRef>(py::reinterpret_borrow<py::object>(value)));
 }

@@ -45,26 +45,26 @@ class PumpGuard {
   ~PumpGuard() { pumping = false; }
 };
 
-// A Python done callback that calls `Call` with the future, made with the C API: a callback is
+// A Python callable of two arguments that calls `Call` with them, made with the C API: one is
 // made for every awaited collaborator call, and a bound C++ function costs microseconds.
 template <class Call>
-py::object done_callback(Call call) {
+py::object callback(Call call) {
   static PyMethodDef definition{
-      "_orvo_done",
-      [](PyObject* capsule, PyObject* future) -> PyObject* {
-        auto* held = static_cast<Call*>(PyCapsule_GetPointer(capsule, "orvo.done"));
-        try {
-          (*held)(py::reinterpret_borrow<py::object>(future));
-        } catch (py::error_already_set& e) {
-          e.restore();
-          return nullptr;
-        }
-        Py_RETURN_NONE;
-      },
-      METH_O, nullptr};
+      "_orvo_deliver",
+      reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(
+          +[](PyObject* capsule, PyObject* const* args, Py_ssize_t count) -> PyObject* {
+            auto* held = static_cast<Call*>(PyCapsule_GetPointer(capsule, "orvo.callback"));
+            if (count != 2) {
+              PyErr_SetString(PyExc_TypeError, "_orvo_deliver takes two arguments");
+              return nullptr;
+            }
+            (*held)(py::handle(args[0]), py::handle(args[1]));
+            Py_RETURN_NONE;
+          })),
+      METH_FASTCALL, nullptr};
   auto* held = new Call(std::move(call));
-  PyObject* capsule = PyCapsule_New(held, "orvo.done", [](PyObject* c) {
-    delete static_cast<Call*>(PyCapsule_GetPointer(c, "orvo.done"));
+  PyObject* capsule = PyCapsule_New(held, "orvo.callback", [](PyObject* c) {
+    delete static_cast<Call*>(PyCapsule_GetPointer(c, "orvo.callback"));
   });
   if (capsule == nullptr) {
     delete held;
@@ -76,62 +76,76 @@ py::object done_callback(Call call) {
   return py::reinterpret_steal<py::object>(function);
 }
 
-// Cancels a Python future when the C++ operation that awaits it is cancelled.
-class CancelFuture {
+// Cancels the task of an awaited collaborator when the C++ operation that awaits it is
+// cancelled.
+class CancelTask {
  public:
-  explicit CancelFuture(std::shared_ptr<GilObject> future) : future_(std::move(future)) {}
+  explicit CancelTask(std::shared_ptr<GilObject> task) : task_(std::move(task)) {}
   void operator()(asio::cancellation_type_t /*type*/) const {
     const py::gil_scoped_acquire gil;
     try {
-      future_->get().attr("cancel")();
+      task_->get().attr("cancel")();
     } catch (py::error_already_set& e) {
       e.discard_as_unraisable("cancelling an awaited orvo collaborator");
     }
   }
 
  private:
-  std::shared_ptr<GilObject> future_;
+  std::shared_ptr<GilObject> task_;
 };
 
-// The C++ coroutine that waits for a Python future: resumed on the loop context when the
-// future is done; its cancellation cancels the future.
+// The C++ coroutine that waits for a collaborator: resumed on the loop context with the
+// collaborator's result or exception, from inside the collaborator's own task as it ends.
 struct Waiter {
   PyHandler handler;
-  asio::cancellation_slot slot;
 
-  void operator()(const py::object& future) {
+  void operator()(py::handle result, py::handle error) {
     if (!handler) return;
-    if (slot.is_connected()) slot.clear();
-    std::exception_ptr error;
-    py::object result = py::none();
-    try {
-      result = future.attr("result")();
-    } catch (py::error_already_set&) {
-      error = std::current_exception();
+    std::exception_ptr failure;
+    if (!error.is_none()) {
+      PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.ptr())), error.ptr());
+      failure = std::make_exception_ptr(py::error_already_set());
     }
-    auto resume = [h = std::move(handler), error, result = std::move(result)]() mutable {
-      std::move(h)(error, std::move(result));
+    auto resume = [h = std::move(handler), failure,
+                   value = py::reinterpret_borrow<py::object>(result)]() mutable {
+      std::move(h)(failure, std::move(value));
     };
     asio::post(loop_context(), std::move(resume));
     pump();
   }
 };
 
-class FutureWait {
+// Runs an awaitable in a task of its own (so that the collaborator sees its own
+// `current_task`, and `asyncio.timeout` works in it) whose last step hands the outcome to C++:
+// the awaiting coroutine goes on in the same turn of the loop, without a done callback's turn.
+class TaskWait {
  public:
-  explicit FutureWait(py::object future) : future_(std::move(future)) {}
+  explicit TaskWait(py::object awaitable) : awaitable_(std::move(awaitable)) {}
 
   template <class Handler>
   void operator()(Handler&& handler) {
+    static const py::object& run = *new py::object([] {
+      py::dict scope;
+      py::exec(R"(
+async def _orvo_collaborator(awaitable, deliver):
+    try:
+        result = await awaitable
+    except BaseException as error:
+        deliver(None, error)
+    else:
+        deliver(result, None)
+)",
+               scope);
+      return py::object(scope["_orvo_collaborator"]);
+    }());
     asio::cancellation_slot slot = asio::get_associated_cancellation_slot(handler);
-    Waiter waiter{PyHandler(std::forward<Handler>(handler)), slot};
-    py::object callback = done_callback(std::move(waiter));
-    if (slot.is_connected()) slot.assign(CancelFuture(std::make_shared<GilObject>(future_)));
-    future_.attr("add_done_callback")(callback);
+    py::object deliver = callback(Waiter{PyHandler(std::forward<Handler>(handler))});
+    py::object task = get_running_loop().attr("create_task")(run(awaitable_, deliver));
+    if (slot.is_connected()) slot.assign(CancelTask(std::make_shared<GilObject>(task)));
   }
 
  private:
-  py::object future_;
+  py::object awaitable_;
 };
 
 bool is_awaitable(const py::handle& value) {
@@ -207,15 +221,7 @@ py::object get_running_loop() {
 
 orvo_core::Awaitable<py::object> await_python(py::object awaitable) {
   if (!is_awaitable(awaitable)) co_return awaitable;
-  // A task of its own, so that the collaborator sees `current_task` and `asyncio.timeout` work.
-  py::object future;
-  if (PyCoro_CheckExact(awaitable.ptr()) != 0) {
-    future = get_running_loop().attr("create_task")(awaitable);
-  } else {
-    static const py::object& ensure_future = asyncio_function("ensure_future");
-    future = ensure_future(awaitable);
-  }
-  FutureWait wait(std::move(future));
+  TaskWait wait(std::move(awaitable));
   py::object result = co_await asio::async_initiate<const asio::use_awaitable_t<>&, PySignature>(
       std::move(wait), asio::use_awaitable);
   co_return result;
@@ -260,10 +266,19 @@ py::object exception_to_python(const std::exception_ptr& error) {
 PendingCall::PendingCall(orvo_core::Awaitable<py::object> work) : work_(std::move(work)) {}
 
 py::object Pending(orvo_core::Awaitable<py::object> work) {
-  // Never destroyed, like the loop context: the interpreter may be gone by then.
+  // Never destroyed, like the loop context: the interpreter may be gone by then. Cancelling the
+  // awaiting task throws into this coroutine, which cancels the C++ work in turn.
   static auto* wrap = [] {
     py::dict scope;
-    py::exec("async def _orvo_call(pending):\n    return await pending\n", scope);
+    py::exec(R"(
+async def _orvo_call(pending):
+    try:
+        return await pending
+    except BaseException:
+        pending.cancel()
+        raise
+)",
+             scope);
     return new py::object(scope["_orvo_call"]);
   }();
   return (*wrap)(PendingCall(std::move(work)));
@@ -273,27 +288,26 @@ py::object PendingCall::await_() {
   if (!work_) throw py::value_error("cannot await an orvo operation twice");
   py::object loop = get_running_loop();
   py::object future = loop.attr("create_future")();
-  // Cancelling the awaiting task cancels the future, and with it the C++ work: the operation
-  // it awaits (a collaborator's task, a network call) is cancelled in turn.
-  auto signal = std::make_shared<asio::cancellation_signal>();
-  auto finished = std::make_shared<bool>(false);
-  auto on_done = [signal, finished](const py::object& done) {
-    if (*finished || !done.attr("cancelled")().cast<bool>()) return;
-    signal->emit(asio::cancellation_type::terminal);
-    pump();
-  };
-  Settle settle(future, signal, finished);
+  // The coroutine's cancellation state lives in the signal's slot: the signal lives as long as
+  // this call and the coroutine's completion handler.
+  signal_ = std::make_shared<asio::cancellation_signal>();
+  finished_ = std::make_shared<bool>(false);
+  Settle settle(future, signal_, finished_);
   orvo_core::Awaitable<py::object> work = std::move(*work_);
   work_.reset();
   asio::co_spawn(loop_context(), std::move(work),
-                 asio::bind_cancellation_slot(signal->slot(), std::move(settle)));
-  future.attr("add_done_callback")(done_callback(std::move(on_done)));
+                 asio::bind_cancellation_slot(signal_->slot(), std::move(settle)));
   pump();
   return future.attr("__await__")();
 }
 
-}  // namespace orvo_python
+void PendingCall::cancel() {
+  if (!signal_ || *finished_) return;
+  signal_->emit(asio::cancellation_type::terminal);
+  pump();
+}
 
+}  // namespace orvo_python
 namespace orvo_python {
 
 orvo_core::Awaitable<py::object> as_none(orvo_core::Awaitable<void> work,

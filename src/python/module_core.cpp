@@ -94,7 +94,8 @@ void bind_core(py::module_& m) {
   bind_errors(m);
 
   py::class_<PendingCall>(m, "PendingCall", "The work of an orvo operation; it runs when awaited.")
-      .def("__await__", &PendingCall::await_);
+      .def("__await__", &PendingCall::await_)
+      .def("cancel", &PendingCall::cancel);
 
   py::class_<orvo_core::Object, std::shared_ptr<orvo_core::Object>>(m, "Object")
       .def("__repr__", &orvo_core::Object::repr);

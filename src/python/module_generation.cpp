@@ -39,6 +39,10 @@ Chunks chunks_from_py(py::handle value) {
   }
   Chunks chunks;
   for (py::handle item : py::reinterpret_borrow<py::sequence>(value)) {
+    if (auto chunk = exact_instance<Chunk>(item)) {
+      chunks.push_back(std::move(chunk));
+      continue;
+    }
     if (!py::isinstance<Chunk>(item)) {
       throw orvo_core::TypeError("chunks must be a list of Chunk; found " +
                                  std::string(py::str(py::type::handle_of(item).attr("__name__"))));

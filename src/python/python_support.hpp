@@ -19,7 +19,8 @@
 
 namespace boost::asio {
 class io_context;
-}
+class cancellation_signal;
+}  // namespace boost::asio
 
 namespace orvo_python {
 
@@ -56,9 +57,14 @@ class PendingCall {
   explicit PendingCall(orvo_core::Awaitable<py::object> work);
   /// Starts the work on the running loop and returns the iterator of its future.
   py::object await_();
+  /// Cancels the started work: what it awaits (a collaborator's task, a network call) is
+  /// cancelled in turn. Nothing happens once it has finished.
+  void cancel();
 
  private:
   std::optional<orvo_core::Awaitable<py::object>> work_;
+  std::shared_ptr<boost::asio::cancellation_signal> signal_;
+  std::shared_ptr<bool> finished_;
 };
 
 /// What every asynchronous operation of the module returns to Python: a coroutine, so that
@@ -172,6 +178,19 @@ class GilObject {
  private:
   PyObject* object_ = nullptr;
 };
+
+/// The C++ object of an instance whose class is exactly the bound class of `T`, read straight
+/// from its holder; null for any other object. Lists of thousands of chunks cross with every
+/// call, and pybind11's general cast looks the type up by name each time.
+template <class T>
+std::shared_ptr<T> exact_instance(py::handle value) {
+  static const py::detail::type_info* const info = py::detail::get_type_info(typeid(T));
+  if (info == nullptr || Py_TYPE(value.ptr()) != info->type) return nullptr;
+  auto* instance = reinterpret_cast<py::detail::instance*>(value.ptr());
+  auto holder = instance->get_value_and_holder(info, false);
+  if (!holder || !holder.holder_constructed()) return nullptr;
+  return holder.template holder<std::shared_ptr<T>>();
+}
 
 /// The C++ object of an instance of a bound class. For an instance of a Python subclass the
 /// pointer also keeps the Python instance alive, since its overrides live there: C++ may hold
