@@ -43,6 +43,7 @@ if(PYTHON)
 import asyncio, orvo_core
 from orvo_generation.response_synthesizer import StaticListResponseSynthesizer
 assert orvo_core.__file__.startswith(__import__("sys").argv[1]), orvo_core.__file__
+assert __import__("os").path.exists(orvo_core.__path__[0] + "/py.typed")
 print(asyncio.run(StaticListResponseSynthesizer()._run(state_variables={"context_list": ["a"]})))
 ]=])
   execute_process(COMMAND ${CMAKE_COMMAND} -E env "PYTHONPATH=${stage}${PYTHON_INSTALL_DIR}"

@@ -1,0 +1,86 @@
+from collections.abc import Mapping, Sequence
+from typing import Any, Protocol, runtime_checkable
+
+from orvo_core.event import SupportsEmit
+from orvo_core.schema import Object, PendingCall
+
+# A turn of history: a (role, content) tuple, a [role, content] list or a
+# {"role": ..., "content": ...} dict.
+_History = Sequence[Any] | None
+
+class UsesLM:
+    """Marks a component that uses a language model."""
+
+    def __init__(self) -> None: ...
+
+class PromptTemplate:
+    """System and user templates with {named} placeholders."""
+
+    def __init__(self, system_template: str = "", user_template: str = "") -> None: ...
+    @property
+    def system_template(self) -> str: ...
+    @property
+    def user_template(self) -> str: ...
+    def variables(self) -> list[str]: ...
+
+class BaseOutputParser(Object):
+    def parse(self, text: str, /) -> Any: ...
+
+class TextOutputParser(BaseOutputParser):
+    def __init__(self) -> None: ...
+
+class JsonOutputParser(BaseOutputParser):
+    def __init__(self) -> None: ...
+
+class BaseLMInvoker(Object): ...
+
+class OpenAILMInvoker(BaseLMInvoker):
+    """A chat model behind an OpenAI-compatible server."""
+
+    def __init__(
+        self,
+        model: str,
+        base_url: str,
+        api_key: str = "",
+        parameters: Mapping[str, Any] | None = None,
+    ) -> None: ...
+
+@runtime_checkable
+class SupportsProcess(Protocol):
+    """What components need of an `lm_request_processor`: an `LMRequestProcessor` or any object
+    like this."""
+
+    async def process(
+        self,
+        prompt_kwargs: dict[str, Any],
+        history: _History = None,
+        *,
+        event_emitter: SupportsEmit | None = None,
+        system_multimodal_contents: Any = None,
+        user_multimodal_contents: Any = None,
+    ) -> Any: ...
+
+class LMRequestProcessor(Object):
+    """Turns prompt variables into a language-model request and parses the reply."""
+
+    def __init__(
+        self,
+        prompt: PromptTemplate | None = None,
+        lm_invoker: BaseLMInvoker | None = None,
+        output_parser: BaseOutputParser | None = None,
+    ) -> None: ...
+    def process(
+        self,
+        prompt_kwargs: dict[str, Any],
+        history: _History = None,
+        *,
+        event_emitter: SupportsEmit | None = None,
+        system_multimodal_contents: Any = None,
+        user_multimodal_contents: Any = None,
+    ) -> PendingCall[Any]: ...
+
+class ExtractiveRequestProcessor(LMRequestProcessor):
+    """An offline processor: extractive answers ("answer"), or lexical relevance judgements
+    ("judge")."""
+
+    def __init__(self, task: str, min_similarity: float = -1.0) -> None: ...
