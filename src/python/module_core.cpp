@@ -91,8 +91,11 @@ void bind_errors(py::module_& m) {
 }  // namespace
 
 void bind_core(py::module_& m) {
+  Home home(m);
+  home.set("orvo_inference.errors");
   bind_errors(m);
 
+  home.set("orvo_core.schema");
   py::class_<PendingCall>(m, "PendingCall", "The work of an orvo operation; it runs when awaited.")
       .def("__await__", &PendingCall::await_)
       .def("cancel", &PendingCall::cancel);
@@ -100,6 +103,7 @@ void bind_core(py::module_& m) {
   py::class_<orvo_core::Object, std::shared_ptr<orvo_core::Object>>(m, "Object")
       .def("__repr__", &orvo_core::Object::repr);
 
+  home.set("orvo_core.constants");
   py::enum_<EventLevel>(m, "EventLevel", "The level of an event.")
       .value("TRACE", EventLevel::TRACE)
       .value("INFO", EventLevel::INFO)
@@ -110,6 +114,7 @@ void bind_core(py::module_& m) {
       .value("RESPONSE", EventType::RESPONSE)
       .value("DATA", EventType::DATA);
 
+  home.set("orvo_core.schema");
   py::class_<MetadataView>(m, "MetadataView", "A chunk's metadata, read and written in place.")
       .def("__getitem__",
            [](const MetadataView& v, const py::str& key) { return to_py(metadata_item(v, key)); })
@@ -177,15 +182,21 @@ void bind_core(py::module_& m) {
       .def("model_dump", [](const Chunk& self) { return to_py(Any(self.model_dump())); })
       .def("__repr__", [](const Chunk& self) { return to_py_str(self.repr()); });
 
+  home.set("orvo_core.event");
   py::class_<EventEmitter, orvo_core::Object, PyEmitterTrampoline, std::shared_ptr<EventEmitter>>(
       m, "EventEmitter", "The sink of the events of a component invocation.")
       .def(py::init([] { return std::make_shared<PyEmitterTrampoline>(); }))
-      .def("emit", [](std::shared_ptr<EventEmitter> self, std::string value, EventLevel level,
-                      EventType type) {
-        orvo_core::Awaitable<void> work = self->EventEmitter::emit(std::move(value), level, type);
-        return Pending(as_none(std::move(work), keep_alive(self)));
-      });
+      .def(
+          "emit",
+          [](std::shared_ptr<EventEmitter> self, std::string value, EventLevel level,
+             EventType type) {
+            orvo_core::Awaitable<void> work =
+                self->EventEmitter::emit(std::move(value), level, type);
+            return Pending(as_none(std::move(work), keep_alive(self)));
+          },
+          py::arg("value"), py::arg("level"), py::arg("type"));
 
+  home.set("orvo_core.schema");
   py::class_<orvo_core::Component, orvo_core::Object, std::shared_ptr<orvo_core::Component>>(
       m, "Component", "The base of every pipeline component.")
       .def(
@@ -197,6 +208,7 @@ void bind_core(py::module_& m) {
           },
           "Drives one invocation: the start message, `_run`, the finish message.");
 
+  home.set("orvo_core.utils.similarity");
   m.def(
       "cosine",
       [](const py::object& vector, const py::object& vectors) {

@@ -341,6 +341,23 @@ orvo_core::Awaitable<py::object> chunks_result(orvo_core::Awaitable<Chunks> work
   co_return chunks_to_py(chunks);
 }
 
+// The texts of the start and finish messages, as every component family builds them.
+template <class Base, class Class>
+void bind_event_hooks(Class& c) {
+  c.def(
+       "_format_input_event",
+       [](const Base& self, const py::dict& input_dict) {
+         return to_py_str(self.Base::_format_input_event(to_any_detached(input_dict).as_map()));
+       },
+       py::arg("input_dict"))
+      .def(
+          "_format_output_event",
+          [](const Base& self, const py::object& output) {
+            return to_py_str(self.Base::_format_output_event(to_any_detached(output)));
+          },
+          py::arg("output"));
+}
+
 // The attributes and operations every formatter shares.
 template <class T, class Class>
 void bind_formatter_members(Class& c) {
@@ -379,6 +396,7 @@ void bind_formatter_members(Class& c) {
 // `format_chunk_as_string` as a plain Python function over the module's `_format_chunk`.
 py::object make_format_chunk_as_string(const py::module_& m) {
   py::dict scope;
+  scope["__name__"] = m.attr("__name__");
   scope["_format_chunk"] = m.attr("_format_chunk");
   py::exec(R"(
 def format_chunk_as_string(metadata_map):
@@ -397,6 +415,8 @@ bool flag(const py::object& value) {
 }
 
 void bind_reference_formatters(py::module_& m) {
+  Home home(m);
+  home.set("orvo_generation.reference_formatter.reference_formatter");
   py::dict default_map;
   default_map["title"] = "file_name";
   default_map["url"] = "file_url";
@@ -467,23 +487,20 @@ void bind_reference_formatters(py::module_& m) {
             return Pending(chunks_result(std::move(work), keep_alive(self)));
           },
           py::arg("response"), py::arg("chunks"))
-      .def("_format_as_string",
-           [](const Base& self, const py::object& chunks) {
-             if (auto* settings = dynamic_cast<const PySettings*>(&self)) {
-               const_cast<PySettings*>(settings)->pull();
-             }
-             return to_py_str(self.Base::_format_as_string(chunks_from_py(chunks)));
-           })
-      .def("_format_input_event",
-           [](const Base& self, const py::dict& input_dict) {
-             return to_py_str(self.Base::_format_input_event(to_any_detached(input_dict).as_map()));
-           })
-      .def("_format_output_event", [](const Base& self, const py::object& output) {
-        return to_py_str(self.Base::_format_output_event(to_any_detached(output)));
-      });
+      .def(
+          "_format_as_string",
+          [](const Base& self, const py::object& chunks) {
+            if (auto* settings = dynamic_cast<const PySettings*>(&self)) {
+              const_cast<PySettings*>(settings)->pull();
+            }
+            return to_py_str(self.Base::_format_as_string(chunks_from_py(chunks)));
+          },
+          py::arg("chunks"));
+  bind_event_hooks<Base>(base);
   bind_formatter_members<Base>(base);
 
   using Similarity = rf::SimilarityBasedReferenceFormatter;
+  home.set("orvo_generation.reference_formatter.similarity_based_reference_formatter");
   py::class_<Similarity, Base, PyFormatter<Similarity>, std::shared_ptr<Similarity>>(
       m, "SimilarityBasedReferenceFormatter",
       "Keeps the chunks whose content embedding is similar enough to the response's.")
@@ -518,6 +535,7 @@ void bind_reference_formatters(py::module_& m) {
           py::arg("response"), py::arg("chunks"));
 
   using LM = rf::LMBasedReferenceFormatter;
+  home.set("orvo_generation.reference_formatter.lm_based_reference_formatter");
   py::class_<LM, Base, orvo_inference::UsesLM, PyLMFormatter, std::shared_ptr<LM>>(
       m, "LMBasedReferenceFormatter",
       "Lets a language model judge which chunks are relevant, a batch at a time.")
@@ -559,13 +577,18 @@ void bind_reference_formatters(py::module_& m) {
             return Pending(chunks_result(std::move(work), keep_alive(self)));
           },
           py::arg("response"), py::arg("chunks"))
-      .def("_format_batch_context",
-           [](const LM& self, const py::object& chunks) {
-             return to_py_str(self.LM::_format_batch_context(chunks_from_py(chunks)));
-           })
-      .def("_format_chunk_as_context", [](const LM& self, const Chunk& chunk) {
-        return to_py_str(self.LM::_format_chunk_as_context(chunk));
-      });
+      .def(
+          "_format_batch_context",
+          [](const LM& self, const py::object& chunks) {
+            return to_py_str(self.LM::_format_batch_context(chunks_from_py(chunks)));
+          },
+          py::arg("chunks"))
+      .def(
+          "_format_chunk_as_context",
+          [](const LM& self, const Chunk& chunk) {
+            return to_py_str(self.LM::_format_chunk_as_context(chunk));
+          },
+          py::arg("chunk"));
 }
 
 template <class T>
@@ -599,6 +622,8 @@ void bind_synthesize(Class& c) {
 }
 
 void bind_response_synthesizers(py::module_& m) {
+  Home home(m);
+  home.set("orvo_generation.response_synthesizer.response_synthesizer");
   m.attr("DEFAULT_RESPONSE_PREFIX") = rs::DEFAULT_RESPONSE_PREFIX;
   m.attr("DEFAULT_FALLBACK_RESPONSE") = rs::DEFAULT_FALLBACK_RESPONSE;
 
@@ -609,22 +634,16 @@ void bind_response_synthesizers(py::module_& m) {
                [](bool streamable) { return std::make_shared<PySynthesizer<Base>>(streamable); }),
            py::arg("streamable") = true)
       .def_readwrite("streamable", &Base::streamable)
-      .def("_run",
-           [](std::shared_ptr<Base> self, const py::kwargs& kwargs) {
-             return start_component_call(self, kwargs, [](Base& synthesizer, orvo_core::Kwargs k) {
-               return synthesizer._run(std::move(k));
-             });
-           })
-      .def("_format_input_event",
-           [](const Base& self, const py::dict& input_dict) {
-             return to_py_str(self.Base::_format_input_event(to_any_detached(input_dict).as_map()));
-           })
-      .def("_format_output_event", [](const Base& self, const py::object& output) {
-        return to_py_str(self.Base::_format_output_event(to_any_detached(output)));
+      .def("_run", [](std::shared_ptr<Base> self, const py::kwargs& kwargs) {
+        return start_component_call(self, kwargs, [](Base& synthesizer, orvo_core::Kwargs k) {
+          return synthesizer._run(std::move(k));
+        });
       });
+  bind_event_hooks<Base>(base);
   bind_synthesize<Base>(base);
 
   using Stuff = rs::StuffResponseSynthesizer;
+  home.set("orvo_generation.response_synthesizer.stuff_response_synthesizer");
   py::class_<Stuff, Base, orvo_inference::UsesLM, PySynthesizer<Stuff>, std::shared_ptr<Stuff>>
       stuff(m, "StuffResponseSynthesizer",
             "Synthesizes the response with one language-model request.");
@@ -643,6 +662,7 @@ void bind_response_synthesizers(py::module_& m) {
   bind_synthesize<Stuff>(stuff);
 
   using StaticList = rs::StaticListResponseSynthesizer;
+  home.set("orvo_generation.response_synthesizer.static_list_response_synthesizer");
   py::class_<StaticList, Base, PyStaticList, std::shared_ptr<StaticList>> list(
       m, "StaticListResponseSynthesizer",
       "Defines a response synthesizer that synthesizes a static list response.");

@@ -48,6 +48,8 @@ orvo_core::Awaitable<orvo_core::Embeddings> invoke_batch(
 }  // namespace
 
 void bind_inference(py::module_& m) {
+  Home home(m);
+  home.set("orvo_inference.request_processor");
   py::class_<inf::UsesLM, std::shared_ptr<inf::UsesLM>>(
       m, "UsesLM", "Marks a component that uses a language model.")
       .def(py::init<>());
@@ -62,9 +64,12 @@ void bind_inference(py::module_& m) {
 
   py::class_<inf::BaseOutputParser, orvo_core::Object, std::shared_ptr<inf::BaseOutputParser>>(
       m, "BaseOutputParser")
-      .def("parse", [](const inf::BaseOutputParser& self, const std::string& text) {
-        return to_py(self.parse(text));
-      });
+      .def(
+          "parse",
+          [](const inf::BaseOutputParser& self, const std::string& text) {
+            return to_py(self.parse(text));
+          },
+          py::arg("text"));
   py::class_<inf::TextOutputParser, inf::BaseOutputParser, std::shared_ptr<inf::TextOutputParser>>(
       m, "TextOutputParser")
       .def(py::init<>());
@@ -140,6 +145,7 @@ void bind_inference(py::module_& m) {
            }),
            py::arg("task"), py::arg("min_similarity") = -1.0);
 
+  home.set("orvo_inference.em_invoker.em_invoker");
   py::class_<inf::BaseEMInvoker, orvo_core::Object, std::shared_ptr<inf::BaseEMInvoker>>(
       m, "BaseEMInvoker", "The base type of embedding-model invokers.")
       .def(
@@ -157,6 +163,7 @@ void bind_inference(py::module_& m) {
             return Pending(embeddings_result(std::move(work), keep_alive(self)));
           },
           py::arg("text"));
+  home.set("orvo_inference.em_invoker");
   py::class_<inf::LexicalEMInvoker, inf::BaseEMInvoker, std::shared_ptr<inf::LexicalEMInvoker>>(
       m, "LexicalEMInvoker", "Offline, lexical embeddings: hashed words and character trigrams.")
       .def(py::init<std::size_t>(), py::arg("dimensions") = 1024);

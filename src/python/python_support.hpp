@@ -209,6 +209,23 @@ std::shared_ptr<T> hold(py::handle value) {
   return std::shared_ptr<T>(std::move(both), raw);
 }
 
+/// Names the public module of what is bound from now on: pybind11 takes the `__module__` of a
+/// class or function from the module's `__name__` when it makes one, and writes signatures with
+/// it, so `help()` shows where users import things from. The extension's own name comes back
+/// when this goes.
+class Home {
+ public:
+  explicit Home(py::module_& m) : module_(m), own_(m.attr("__name__")) {}
+  Home(const Home&) = delete;
+  Home& operator=(const Home&) = delete;
+  ~Home() { PyObject_SetAttrString(module_.ptr(), "__name__", own_.ptr()); }
+  void set(const char* name) { module_.attr("__name__") = name; }
+
+ private:
+  py::module_& module_;
+  py::object own_;
+};
+
 // ---- Binding entry points
 // ------------------------------------------------------------------------
 
