@@ -6,7 +6,6 @@ import asyncio
 import ctypes
 import gc
 import inspect
-import os
 import subprocess
 import sys
 import textwrap
@@ -33,42 +32,35 @@ try:
 except ImportError:  # only Debian's python3 has it here
     numpy = None
 
-# The start of the scripts below: an embeddings server in a thread of its own, replying after
-# `delay` seconds.
+# The start of the scripts below: an embeddings server on a thread, replying after `delay` s.
 EMBEDDINGS_SERVER = textwrap.dedent("""
-    import asyncio, json, sys, threading
+    import asyncio, http.server, json, threading, time
     from orvo_inference.em_invoker import OpenAIEMInvoker
 
     def serve_in_thread(delay):
-        async def serve(reader, writer):
-            head = await reader.readuntil(b"\\r\\n\\r\\n")
-            length = int(head.lower().split(b"content-length:")[1].split(b"\\r\\n")[0])
-            await reader.readexactly(length)
-            await asyncio.sleep(delay)
-            body = json.dumps({"data": [{"index": 0, "embedding": [1.0, 0.0]}]}).encode()
-            writer.write(b"HTTP/1.1 200 OK\\r\\nContent-Type: application/json\\r\\n"
-                         b"Content-Length: %d\\r\\n\\r\\n%s" % (len(body), body))
-            await writer.drain()
+        class Reply(http.server.BaseHTTPRequestHandler):
+            def do_POST(self):
+                self.rfile.read(int(self.headers["Content-Length"]))
+                time.sleep(delay)
+                body = json.dumps({"data": [{"index": 0, "embedding": [1.0, 0.0]}]}).encode()
+                self.send_response(200)
+                self.send_header("Content-Length", str(len(body)))
+                self.end_headers()
+                self.wfile.write(body)
 
-        ready, where = threading.Event(), []
+            def log_message(self, *args):
+                pass
 
-        async def main():
-            server = await asyncio.start_server(serve, "127.0.0.1", 0)
-            where.append("http://127.0.0.1:%d" % server.sockets[0].getsockname()[1])
-            ready.set()
-            await asyncio.sleep(3600)
-
-        threading.Thread(target=asyncio.run, args=(main(),), daemon=True).start()
-        ready.wait()
-        return where[0]
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Reply)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        return "http://127.0.0.1:%d" % server.server_address[1]
 """)
 
 
 def start_script(body):
     """Starts a script with this interpreter and the packages under test."""
     return subprocess.Popen([sys.executable, "-c", EMBEDDINGS_SERVER + textwrap.dedent(body)],
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                            env=dict(os.environ))
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
 
 class Recorder(EventEmitter):

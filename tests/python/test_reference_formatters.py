@@ -1,5 +1,4 @@
 """The reference formatters driven from asyncio, as a host drives them."""
-import array
 import asyncio
 import json
 import unittest
@@ -59,15 +58,6 @@ class SimilarityTest(unittest.IsolatedAsyncioTestCase):
         self.assertIsInstance(result[0], MyChunk)
         self.assertEqual(len(emitter.events), 2)
         self.assertEqual(json.loads(emitter.events[0][0])["data_value"], str(mine.model_dump()))
-
-    async def test_two_dimensional_float32_buffers_and_lists_serve_as_embeddings(self):
-        rows = array.array("f", [1.0, 0.0, 0.0, 1.0, 0.6, 0.8])
-        batch = memoryview(rows).cast("B").cast("f", (3, 2))
-        chunks = [chunk("A"), chunk("B"), chunk("C")]
-        formatter = SimilarityBasedReferenceFormatter(TableInvoker({}, batch=batch))
-        self.assertEqual(await formatter._run(response="r", chunks=chunks), "References:\n1. A\n2. C")
-        formatter.em_invoker = TableInvoker({}, batch=[[1, 0], [0, 1], [0.6, 0.8]])
-        self.assertEqual(await formatter._run(response="r", chunks=chunks), "References:\n1. A\n2. C")
 
     async def test_errors_keep_their_kind_and_identity(self):
         formatter = SimilarityBasedReferenceFormatter(TableInvoker({}, batch=[[1.0, 0.0]]))
