@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <numeric>
 
 #include "corpus.hpp"
@@ -59,6 +61,10 @@ Collaborators collaborators(const AskOptions& options) {
   const std::string api_key = key != nullptr ? key : "";
   orvo_inference::http::ClientOptions client_options;
   client_options.read_timeout = options.timeout;
+  client_options.connect_timeout = options.connect_timeout;
+  client_options.total_timeout = options.total_timeout;
+  client_options.retry.max_retries = options.retries;
+  client_options.ca_file = options.ca_file;
   const auto client = orvo_inference::http::HttpClient::create(client_options);
   const auto chat = std::make_shared<orvo_inference::OpenAILMInvoker>(
       options.chat_model, options.url, api_key, orvo_core::Map{}, client);
@@ -70,6 +76,21 @@ Collaborators collaborators(const AskOptions& options) {
               orvo_inference::PromptTemplate(kJudgeSystem, kJudgeUser), chat,
               std::make_shared<orvo_inference::JsonOutputParser>())};
 }
+
+// Passes events on with control characters escaped: model and document text must not be able
+// to drive the terminal.
+class EscapingHandler : public orvo_core::EventHandler {
+ public:
+  explicit EscapingHandler(std::shared_ptr<orvo_core::EventHandler> inner)
+      : inner_(std::move(inner)) {}
+  orvo_core::Awaitable<void> handle(orvo_core::Event event) override {
+    event.value = orvo_core::text::escape_controls(event.value, true);
+    co_await inner_->handle(std::move(event));
+  }
+
+ private:
+  std::shared_ptr<orvo_core::EventHandler> inner_;
+};
 
 // Shows how far indexing has come, on a terminal only and only once it takes a moment.
 class Progress {
@@ -131,8 +152,12 @@ std::string distinct_references(const orvo_core::List& entries) {
 Chunks top_k(const Chunks& chunks, const std::vector<double>& scores, std::size_t k) {
   std::vector<std::size_t> order(chunks.size());
   std::iota(order.begin(), order.end(), 0);
+  // NaN (a zero vector has no direction) ranks last, and the order stays a strict one.
+  const auto score = [&scores](std::size_t i) {
+    return std::isnan(scores[i]) ? -std::numeric_limits<double>::infinity() : scores[i];
+  };
   std::stable_sort(order.begin(), order.end(),
-                   [&scores](std::size_t a, std::size_t b) { return scores[a] > scores[b]; });
+                   [&score](std::size_t a, std::size_t b) { return score(a) > score(b); });
   Chunks best;
   for (std::size_t i = 0; i < std::min(k, order.size()); ++i) best.push_back(chunks[order[i]]);
   return best;
@@ -141,7 +166,12 @@ Chunks top_k(const Chunks& chunks, const std::vector<double>& scores, std::size_
 }  // namespace
 
 orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostream* err) {
-  const Chunks chunks = load_corpus(options.docs, ChunkOptions{options.chunk_size});
+  std::vector<std::string> skipped;
+  const Chunks chunks = load_corpus(options.docs, ChunkOptions{options.chunk_size},
+                                    LoadOptions{options.max_file_bytes, options.strict}, &skipped);
+  for (const auto& line : skipped) {
+    *err << "orvo: " << orvo_core::text::escape_controls(line) << '\n';
+  }
   const Collaborators parts = collaborators(options);
 
   std::shared_ptr<orvo_core::ConsoleHandler> console;
@@ -153,7 +183,7 @@ orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostre
         *out, *err, options.verbose,
         options.color ? orvo_core::ConsoleHandler::Color::automatic
                       : orvo_core::ConsoleHandler::Color::never);
-    handlers.push_back(console);
+    handlers.push_back(std::make_shared<EscapingHandler>(console));
   }
   const auto emitter = std::make_shared<orvo_core::EventEmitter>(handlers);
 

@@ -55,6 +55,7 @@ std::string format_head(const Reply& reply) {
   std::string head = "HTTP/1.1 " + std::to_string(reply.status) +
                      (reply.status == 200 ? " OK\r\n" : " Not OK\r\n");
   if (!reply.content_type.empty()) head += "Content-Type: " + reply.content_type + "\r\n";
+  for (const auto& [name, value] : reply.headers) head += name + ": " + value + "\r\n";
   if (reply.pieces.empty()) {
     const std::size_t announced = reply.body.size() + (reply.close_mid_body ? 100 : 0);
     head += "Content-Length: " + std::to_string(announced) + "\r\n";
@@ -76,11 +77,12 @@ asio::awaitable<bool> answer(tcp::socket* socket, Reply reply) {
   }
   const std::string head = reply.raw ? *reply.raw : format_head(reply) + reply.body;
   bool open = co_await write_all(socket, head);
-  for (std::size_t i = 0; open && !reply.raw && i < reply.pieces.size(); ++i) {
+  const bool framed = reply.chunked && !reply.raw;
+  for (std::size_t i = 0; open && i < reply.pieces.size(); ++i) {
     if (i > 0 && reply.piece_delay.count() > 0) co_await pause(reply.piece_delay);
     const std::string& piece = reply.pieces[i];
     if (piece.empty()) continue;  // An empty chunk would end the body.
-    const std::string data = reply.chunked ? hex(piece.size()) + "\r\n" + piece + "\r\n" : piece;
+    const std::string data = framed ? hex(piece.size()) + "\r\n" + piece + "\r\n" : piece;
     open = co_await write_all(socket, data);
   }
   if (!reply.raw && !reply.pieces.empty()) {

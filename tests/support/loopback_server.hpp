@@ -32,6 +32,7 @@ struct Reply {
   unsigned status = 200;
   std::string content_type = "application/json";  ///< Left out when empty.
   std::string body{};
+  std::vector<std::pair<std::string, std::string>> headers{};  ///< Extra header fields.
 
   /// When not empty, the body is these pieces instead, each written and flushed on its own with
   /// `piece_delay` between them: chunked, or delimited by closing the connection.
@@ -47,8 +48,9 @@ struct Reply {
   /// Close after replying although keep-alive was announced, as a server does with a
   /// connection it considers idle.
   bool close_after = false;
-  /// Sent verbatim instead of a formatted reply (status, headers and body are ignored); the
-  /// connection is then kept or closed as `keep_alive` and `close_after` say.
+  /// Sent verbatim instead of a formatted reply (status, headers and body are ignored), followed
+  /// by `pieces` verbatim; the connection is then kept or closed as `keep_alive` and
+  /// `close_after` say.
   std::optional<std::string> raw{};
 
   /// A complete JSON reply.

@@ -15,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -381,11 +383,116 @@ TEST(http_client, connect_failures_name_the_host) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
-    const Outcome outcome =
-        run_one(HttpClient::create({.connect_timeout = c.connect_timeout}), post(c.url));
+    const Outcome outcome = run_one(
+        HttpClient::create({.connect_timeout = c.connect_timeout, .retry = {.max_retries = 0}}),
+        post(c.url));
     EXPECT_TRUE(outcome.error.starts_with(c.error)) << outcome.error;
     EXPECT_LT(outcome.elapsed, c.connect_timeout + 1s);
   }
+}
+
+// A server that keeps sending a little keeps the idle timer from ever running out: the total and
+// low-speed limits end such a call, long before the server would stop.
+TEST(http_client, total_and_low_speed_limits_end_trickling_replies) {
+  const std::vector<std::string> comments(50, ": still here\n\n");  // 10 s at one per 200 ms.
+  const std::vector<std::string> header_lines(50, "X-Pad: 1\r\n");
+  const struct {
+    const char* name;
+    Reply reply;
+    ClientOptions options;
+    std::string error;
+  } cases[] = {
+      {"body trickle",
+       Reply::stream(comments, 200ms),
+       {.total_timeout = 1s},
+       "TimeoutError: the reply from 127.0.0.1:"},
+      {"header trickle",
+       Reply{.pieces = header_lines, .piece_delay = 200ms, .raw = "HTTP/1.1 200 OK\r\n"},
+       {.total_timeout = 1s},
+       "TimeoutError: the reply from 127.0.0.1:"},
+      {"slow body",
+       Reply::stream(comments, 200ms),
+       {.low_speed_limit = 500, .low_speed_time = 1s},
+       "TimeoutError: the reply from 127.0.0.1:"},
+      {"fast enough",
+       Reply::stream(std::vector<std::string>(20, std::string(100, 'x')), 50ms),
+       {.low_speed_limit = 500, .low_speed_time = 300ms},
+       "none"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    LoopbackServer server([&](const RecordedRequest&) { return c.reply; });
+    const Outcome outcome =
+        run_one(HttpClient::create(c.options), post(server.url()), std::make_shared<Observer>());
+    EXPECT_TRUE(outcome.error.starts_with(c.error)) << outcome.error;
+    EXPECT_LT(outcome.elapsed, 4s);
+  }
+}
+
+TEST(http_client, retries_busy_and_unreachable_servers_as_the_policy_says) {
+  const auto busy = [](unsigned status, std::string wait) {
+    return Reply{.status = status, .headers = {{"Retry-After", std::move(wait)}}};
+  };
+  const std::string interim = "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early\r\nLink: x\r\n\r\n";
+  const struct {
+    std::vector<Reply> replies;  // In turn; the last one repeats.
+    std::size_t retries;
+    std::string outcome;  // Status and body.
+    std::size_t requests;
+    std::chrono::milliseconds at_least;
+  } cases[] = {
+      {{busy(503, ""), busy(429, "0"), Reply::json("ok")}, 2, "200 ok", 3, 0ms},
+      {{busy(429, "1"), Reply::json("ok")}, 2, "200 ok", 2, 1s},  // Retry-After is honoured.
+      {{Reply::json("busy", 503)}, 2, "503 busy", 3, 0ms},
+      {{Reply::json("busy", 503)}, 0, "503 busy", 1, 0ms},
+      {{busy(503, "3600")}, 2, "503 ", 1, 0ms},  // Asks for a wait beyond the longest.
+      {{Reply{.raw = interim + "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"}},
+       2,
+       "200 ok",
+       1,
+       0ms},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.outcome + " after " + std::to_string(c.requests));
+    std::size_t seen = 0;
+    LoopbackServer server(
+        [&](const RecordedRequest&) { return c.replies[std::min(c.replies.size(), ++seen) - 1]; });
+    const Outcome outcome =
+        run_one(HttpClient::create({.retry = {.max_retries = c.retries, .initial_backoff = 50ms}}),
+                post(server.url()));
+    ASSERT_TRUE(outcome.response) << outcome.error;
+    EXPECT_EQ(std::to_string(outcome.response->status) + " " + outcome.response->body, c.outcome);
+    EXPECT_EQ(server.requests().size(), c.requests);
+    EXPECT_GE(outcome.elapsed, c.at_least);
+  }
+  // Nothing listens: each attempt fails before anything is sent, after waits of 25+ and 50+ ms.
+  const Outcome refused =
+      run_one(HttpClient::create({.retry = {.initial_backoff = 50ms}}),
+              post("http://127.0.0.1:" + std::to_string(orvo_test::unused_port()) + "/"));
+  EXPECT_TRUE(refused.error.starts_with("ConnectError: ")) << refused.error;
+  EXPECT_GE(refused.elapsed, 75ms);
+}
+
+TEST(http_client, a_cancelled_call_ends_at_once_and_is_not_retried) {
+  LoopbackServer server([](const RecordedRequest&) {
+    return Reply{.status = 503, .headers = {{"Retry-After", "5"}}};
+  });
+  const auto client = HttpClient::create({.retry = {.max_backoff = 10s}});
+  boost::asio::io_context io;
+  boost::asio::cancellation_signal cancel;
+  Outcome outcome;
+  auto done = [&outcome](const std::exception_ptr&, Outcome got) { outcome = std::move(got); };
+  boost::asio::co_spawn(io, attempt(client, post(server.url()), nullptr),
+                        boost::asio::bind_cancellation_slot(cancel.slot(), done));
+  boost::asio::steady_timer later(io, 300ms);
+  later.async_wait([&cancel](boost::system::error_code) {
+    cancel.emit(boost::asio::cancellation_type::terminal);
+  });
+  const auto start = std::chrono::steady_clock::now();
+  io.run();
+  EXPECT_TRUE(outcome.error.starts_with("system_error: Operation canceled")) << outcome.error;
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 3s) << "well before the 5 s wait ends";
+  EXPECT_EQ(server.requests().size(), 1U);
 }
 
 }  // namespace
