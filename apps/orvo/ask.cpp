@@ -11,6 +11,7 @@
 #include <numeric>
 
 #include "corpus.hpp"
+#include "escaping_handler.hpp"
 #include "orvo_core/event.hpp"
 #include "orvo_core/json.hpp"
 #include "orvo_core/text.hpp"
@@ -76,21 +77,6 @@ Collaborators collaborators(const AskOptions& options) {
               orvo_inference::PromptTemplate(kJudgeSystem, kJudgeUser), chat,
               std::make_shared<orvo_inference::JsonOutputParser>())};
 }
-
-// Passes events on with control characters escaped: model and document text must not be able
-// to drive the terminal.
-class EscapingHandler : public orvo_core::EventHandler {
- public:
-  explicit EscapingHandler(std::shared_ptr<orvo_core::EventHandler> inner)
-      : inner_(std::move(inner)) {}
-  orvo_core::Awaitable<void> handle(orvo_core::Event event) override {
-    event.value = orvo_core::text::escape_controls(event.value, true);
-    co_await inner_->handle(std::move(event));
-  }
-
- private:
-  std::shared_ptr<orvo_core::EventHandler> inner_;
-};
 
 // Shows how far indexing has come, on a terminal only and only once it takes a moment.
 class Progress {
@@ -189,7 +175,7 @@ orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostre
         *out, *err, options.verbose,
         options.color ? orvo_core::ConsoleHandler::Color::automatic
                       : orvo_core::ConsoleHandler::Color::never);
-    handlers.push_back(std::make_shared<EscapingHandler>(console));
+    handlers.push_back(escaping_handler(console));
   }
   const auto emitter = std::make_shared<orvo_core::EventEmitter>(handlers);
 
