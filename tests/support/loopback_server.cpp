@@ -13,6 +13,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -28,6 +29,7 @@ namespace {
 
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
+namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 
@@ -44,7 +46,8 @@ asio::awaitable<void> pause(std::chrono::milliseconds duration) {
   co_await timer.async_wait(asio::use_awaitable);
 }
 
-asio::awaitable<bool> write_all(tcp::socket* socket, std::string_view data) {
+template <typename Stream>
+asio::awaitable<bool> write_all(Stream* socket, std::string_view data) {
   error_code ec;
   auto token = asio::redirect_error(asio::use_awaitable, ec);
   co_await asio::async_write(*socket, asio::buffer(data), token);
@@ -69,12 +72,9 @@ std::string format_head(const Reply& reply) {
 }
 
 // Sends the reply; false when the connection must close afterwards.
-asio::awaitable<bool> answer(tcp::socket* socket, Reply reply) {
+template <typename Stream>
+asio::awaitable<bool> answer(Stream* socket, Reply reply) {
   if (reply.header_delay.count() > 0) co_await pause(reply.header_delay);
-  if (reply.stall) {
-    co_await pause(std::chrono::hours(24));
-    co_return false;
-  }
   const std::string head = reply.raw ? *reply.raw : format_head(reply) + reply.body;
   bool open = co_await write_all(socket, head);
   const bool framed = reply.chunked && !reply.raw;
@@ -124,7 +124,13 @@ Reply Reply::stream(std::vector<std::string> pieces, std::chrono::milliseconds d
 }
 
 struct LoopbackServer::State {
-  explicit State(Handler handler) : handler(std::move(handler)) {}
+  State(Handler handler, const std::optional<Tls>& identity) : handler(std::move(handler)) {
+    if (!identity) return;
+    tls.emplace(ssl::context::tls_server);
+    tls->use_certificate_chain_file(identity->certificate);
+    tls->use_private_key_file(identity->key, ssl::context::pem);
+    if (identity->tls1_2_only) SSL_CTX_set_max_proto_version(tls->native_handle(), TLS1_2_VERSION);
+  }
 
   asio::awaitable<void> accept_loop() {
     for (;;) {
@@ -132,11 +138,24 @@ struct LoopbackServer::State {
       auto token = asio::redirect_error(asio::use_awaitable, ec);
       tcp::socket socket = co_await acceptor.async_accept(token);
       if (ec) co_return;
-      asio::co_spawn(io, serve(std::move(socket), ++accepted), asio::detached);
+      if (tls) {
+        asio::co_spawn(io, serve_tls(std::move(socket), ++accepted), asio::detached);
+      } else {
+        asio::co_spawn(io, serve(std::move(socket), ++accepted), asio::detached);
+      }
     }
   }
 
-  asio::awaitable<void> serve(tcp::socket socket, std::size_t index) {
+  asio::awaitable<void> serve_tls(tcp::socket socket, std::size_t index) {
+    ssl::stream<tcp::socket> stream(std::move(socket), *tls);
+    error_code ec;
+    auto token = asio::redirect_error(asio::use_awaitable, ec);
+    co_await stream.async_handshake(ssl::stream_base::server, token);
+    if (!ec) co_await serve(std::move(stream), index);
+  }
+
+  template <typename Stream>
+  asio::awaitable<void> serve(Stream socket, std::size_t index) {
     boost::beast::flat_buffer buffer;
     for (;;) {
       http::request<http::string_body> message;
@@ -166,22 +185,30 @@ struct LoopbackServer::State {
       } catch (const std::exception& error) {
         reply = Reply::json(error.what(), 500);
       }
+      if (reply.stall) {  // Until the client gives up.
+        char byte = 0;
+        while (!ec) co_await socket.async_read_some(asio::buffer(&byte, 1), token);
+        ++closed;
+        co_return;
+      }
       if (!co_await answer(&socket, std::move(reply))) co_return;  // Closes the socket.
     }
   }
 
   Handler handler;
+  std::optional<ssl::context> tls;
   asio::io_context io;
   tcp::acceptor acceptor{io, tcp::endpoint(asio::ip::address_v4::loopback(), 0)};
   const unsigned short port = acceptor.local_endpoint().port();
   std::atomic<std::size_t> accepted{0};
+  std::atomic<std::size_t> closed{0};
   mutable std::mutex mutex;
   std::vector<RecordedRequest> requests;
   std::thread thread;
 };
 
-LoopbackServer::LoopbackServer(Handler handler)
-    : state_(std::make_unique<State>(std::move(handler))) {
+LoopbackServer::LoopbackServer(Handler handler, const std::optional<Tls>& tls)
+    : state_(std::make_unique<State>(std::move(handler), tls)) {
   asio::co_spawn(state_->io, state_->accept_loop(), asio::detached);
   state_->thread = std::thread([state = state_.get()] { state->io.run(); });
 }
@@ -193,7 +220,7 @@ LoopbackServer::~LoopbackServer() {
 }
 
 std::string LoopbackServer::url() const {
-  return "http://127.0.0.1:" + std::to_string(port());
+  return (state_->tls ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port());
 }
 
 unsigned short LoopbackServer::port() const {
@@ -202,6 +229,10 @@ unsigned short LoopbackServer::port() const {
 
 std::size_t LoopbackServer::accepted_connections() const {
   return state_->accepted.load();
+}
+
+std::size_t LoopbackServer::closed_by_client() const {
+  return state_->closed.load();
 }
 
 std::vector<RecordedRequest> LoopbackServer::requests() const {

@@ -41,7 +41,7 @@ struct Reply {
   bool chunked = true;
 
   std::chrono::milliseconds header_delay{0};  ///< Pause before anything is sent.
-  bool stall = false;  ///< Never answer; the connection stays open until the server stops.
+  bool stall = false;  ///< Never answer; the connection stays open until the client closes it.
   /// Announce 100 more bytes than `body`, send `body`, then close.
   bool close_mid_body = false;
   bool keep_alive = true;  ///< false: say "Connection: close" and close after replying.
@@ -60,6 +60,13 @@ struct Reply {
                       std::string content_type = "text/event-stream");
 };
 
+/// What makes a loopback server speak HTTPS: its certificate chain and key (PEM files).
+struct Tls {
+  std::string certificate;
+  std::string key;
+  bool tls1_2_only = false;  ///< Refuse TLS 1.3.
+};
+
 /// A scripted HTTP/1.1 server on 127.0.0.1 with a free port, running on its own thread.
 ///
 /// It records every request and answers it with what `handler` returns; a handler that throws
@@ -69,16 +76,18 @@ class LoopbackServer {
  public:
   using Handler = std::function<Reply(const RecordedRequest&)>;
 
-  explicit LoopbackServer(Handler handler);
+  explicit LoopbackServer(Handler handler, const std::optional<Tls>& tls = std::nullopt);
   ~LoopbackServer();
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-  /// "http://127.0.0.1:PORT".
+  /// "http://127.0.0.1:PORT", or https.
   [[nodiscard]] std::string url() const;
   [[nodiscard]] unsigned short port() const;
   /// Connections accepted so far.
   [[nodiscard]] std::size_t accepted_connections() const;
+  /// Stalled connections that the client has closed so far.
+  [[nodiscard]] std::size_t closed_by_client() const;
   /// The requests received so far, in order.
   [[nodiscard]] std::vector<RecordedRequest> requests() const;
 
