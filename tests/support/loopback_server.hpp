@@ -60,13 +60,6 @@ struct Reply {
                       std::string content_type = "text/event-stream");
 };
 
-/// What makes a loopback server speak HTTPS: its certificate chain and key (PEM files).
-struct Tls {
-  std::string certificate;
-  std::string key;
-  bool tls1_2_only = false;  ///< Refuse TLS 1.3.
-};
-
 /// A scripted HTTP/1.1 server on 127.0.0.1 with a free port, running on its own thread.
 ///
 /// It records every request and answers it with what `handler` returns; a handler that throws
@@ -76,12 +69,14 @@ class LoopbackServer {
  public:
   using Handler = std::function<Reply(const RecordedRequest&)>;
 
-  explicit LoopbackServer(Handler handler, const std::optional<Tls>& tls = std::nullopt);
+  /// With `identity` (a PEM file with a certificate chain and its key), it speaks HTTPS, TLS 1.2
+  /// at most.
+  explicit LoopbackServer(Handler handler, const std::string& identity = "");
   ~LoopbackServer();
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-  /// "http://127.0.0.1:PORT", or https.
+  /// "http://127.0.0.1:PORT".
   [[nodiscard]] std::string url() const;
   [[nodiscard]] unsigned short port() const;
   /// Connections accepted so far.

@@ -1,6 +1,7 @@
 # Makes the certificates of the TLS tests in DIR with the openssl program OPENSSL: a CA that the
 # client trusts, server certificates that it signs (valid, expired, for another host) and one
-# signed by a CA that nobody trusts. The trusted folder holds the CA under its hash name.
+# signed by a CA that nobody trusts, each with the server's key in the same file. The trusted
+# folder holds the CA under its hash name.
 file(MAKE_DIRECTORY ${DIR}/trusted)
 function(run)
   execute_process(COMMAND ${OPENSSL} ${ARGN} WORKING_DIRECTORY ${DIR} RESULT_VARIABLE failed
@@ -27,6 +28,9 @@ foreach(spec good,ca,local,3650 expired,ca,local,-1 other-host,ca,other,3650
   list(GET spec 3 days)
   run(x509 -req -in server.csr -CA ${issuer}.pem -CAkey ${issuer}.key -CAcreateserial
       -days ${days} -extfile ${names}.ext -out ${name}.pem)
+  file(READ ${DIR}/${name}.pem certificate)
+  file(READ ${DIR}/server.key key)
+  file(WRITE ${DIR}/${name}.pem "${certificate}${key}")
 endforeach()
 file(COPY ${DIR}/ca.pem DESTINATION ${DIR}/trusted)
 run(rehash trusted)

@@ -94,38 +94,27 @@ TEST_F(corpus_files, missing_and_empty_corpora_are_errors) {
 }
 
 // Only regular files are read, none beyond the size limit, and a file that cannot be read is
-// named and skipped (or, with `strict`, an error); nothing blocks on a FIFO.
+// named and skipped (or, with `strict`, an error); nothing blocks on a FIFO. A file given on its
+// own goes through the same checks (see orvo_tool for /dev/zero).
 TEST_F(corpus_files, files_that_cannot_be_read_are_named_and_skipped) {
   write("good.md", "Tides rise twice a day.");
-  write("sub/ok.txt", "Neap tides are small.");
-  write("big.md", "");
-  fs::resize_file(root_ / "big.md", std::uint64_t{500} << 20);  // Sparse: costs no disk.
+  fs::resize_file(write("big.md", ""), std::uint64_t{500} << 20);  // Sparse: costs no disk.
   ASSERT_EQ(mkfifo((root_ / "pipe.md").c_str(), 0600), 0);
   fs::create_symlink("loop.md", root_ / "loop.md");
   fs::create_directory_symlink(root_ / "sub", root_ / "sub/again.md");
-  std::vector<std::string> expected = {
-      root_.string() + "/big.md: larger than 16777216 bytes (--max-file-size)",
-      root_.string() + "/loop.md: symbolic link loop",
-      root_.string() + "/pipe.md: not a regular file",
-      root_.string() + "/sub/again.md: a linked folder, not followed"};
+  std::vector<std::string> expected = {"big.md: larger than 16777216 bytes (--max-file-size)",
+                                       "loop.md: symbolic link loop", "pipe.md: not a regular file",
+                                       "sub/again.md: a linked folder, not followed"};
   if (geteuid() != 0) {  // Permissions do not bind root.
-    write("secret.md", "x");
-    fs::permissions(root_ / "secret.md", fs::perms::none);
-    expected.push_back(root_.string() + "/secret.md: cannot read it (Permission denied)");
+    fs::permissions(write("secret.md", "x"), fs::perms::none);
+    expected.insert(expected.end() - 1, "secret.md: cannot read it (Permission denied)");
   }
+  for (auto& line : expected) line = "skipped " + root_.string() + "/" + line;
   std::vector<std::string> skipped;
-  const auto chunks = orvo_cli::load_corpus(root_, {}, {}, &skipped);
-  ASSERT_EQ(chunks.size(), 2U);
-  EXPECT_EQ(chunks[1]->content, "Neap tides are small.");
+  EXPECT_EQ(orvo_cli::load_corpus(root_, {}, {}, &skipped).size(), 1U);
   std::sort(skipped.begin(), skipped.end());
-  for (auto& line : expected) line = "skipped " + line;
-  std::sort(expected.begin(), expected.end());
   EXPECT_EQ(skipped, expected);
-
   EXPECT_THROW((void)orvo_cli::load_corpus(root_, {}, {.strict = true}), std::runtime_error);
-  for (const fs::path& refused : {root_ / "pipe.md", fs::path("/dev/zero"), root_ / "big.md"}) {
-    EXPECT_THROW((void)orvo_cli::load_corpus(refused), std::runtime_error) << refused;
-  }
 }
 
 }  // namespace

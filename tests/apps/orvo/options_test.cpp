@@ -57,11 +57,6 @@ TEST(options, bad_command_lines_say_what_is_wrong) {
        "--synthesizer is stuff or static-list, not 'map'"},
       {{"--docs", "d", "--frobnicate", "q"}, "unknown option --frobnicate"},
       {{"--docs", "d", "--timeout", "abc", "q"}, "--timeout expects a number, got 'abc'"},
-      {{"--docs", "d", "--timeout", "inf", "q"},
-       "--timeout expects seconds in (0, 1e6], got 'inf'"},
-      {{"--docs", "d", "--timeout", "1e300", "q"},
-       "--timeout expects seconds in (0, 1e6], got '1e300'"},
-      {{"--docs", "d", "--timeout", "-1", "q"}, "--timeout expects seconds in (0, 1e6], got '-1'"},
   };
   for (const auto& c : cases) {
     try {
