@@ -42,8 +42,9 @@ class BodyObserver {
 };
 
 /// How a request that failed before any of its reply was used is tried again: a 429 or 503
-/// reply, or a connection that could not be made. Waits grow exponentially with jitter; a
-/// server's `Retry-After` (in seconds) replaces the computed wait.
+/// reply, or a connection that could not be made (but not a TLS handshake that was refused, for
+/// a certificate that failed verification, say). Waits grow exponentially with jitter; a server's
+/// `Retry-After` (in seconds) replaces the computed wait.
 struct RetryPolicy {
   std::size_t max_retries = 2;  ///< Attempts after the first; 0 turns retries off.
   std::chrono::milliseconds initial_backoff{500};  ///< Wait before the first retry; doubles after.

@@ -214,6 +214,13 @@ OutgoingMessage build_message(Request& request, const Url& url) {
 // ---------------------------------------------------------------------------------------------
 // Connections
 
+// A TLS handshake that either side refused (a certificate that failed verification, no common
+// version) fails again: no retry.
+class HandshakeRefusedError : public ConnectError {
+ public:
+  using ConnectError::ConnectError;
+};
+
 // A cancelled call ends at once as cancelled: it must not look like a failure worth a retry.
 error_code checked(const error_code& ec) {
   if (ec == asio::error::operation_aborted) throw boost::system::system_error(ec);
@@ -577,6 +584,8 @@ class BeastHttpClient final : public HttpClient,
       std::exception_ptr unreachable;
       try {
         if (!connection) connection = co_await connect(url, executor, context, total_end);
+      } catch (const HandshakeRefusedError& refused) {
+        throw ConnectError(refused.what());  // Callers see the public type.
       } catch (const ConnectError&) {
         unreachable = std::current_exception();
       } catch (const TimeoutError&) {
@@ -672,15 +681,18 @@ class BeastHttpClient final : public HttpClient,
       throw TimeoutError("cannot connect to " + url.endpoint + " within " +
                          ms(options_.connect_timeout));
     }
-    std::string why = ec.message();
+    const std::string where = "cannot connect to " + url.endpoint + ": ";
     if (connection != nullptr) {
       const long verified = SSL_get_verify_result(connection->tls_handle());
       if (verified != X509_V_OK) {
-        why = std::string("certificate verification failed: ") +
-              X509_verify_cert_error_string(verified);
+        throw HandshakeRefusedError(
+            where + "certificate verification failed: " + X509_verify_cert_error_string(verified));
+      }
+      if (ec.category() == asio::error::get_ssl_category()) {
+        throw HandshakeRefusedError(where + ec.message());
       }
     }
-    throw ConnectError("cannot connect to " + url.endpoint + ": " + why);
+    throw ConnectError(where + ec.message());
   }
 
   [[noreturn]] void fail(const Attempt& attempt, const Url& url) const {
