@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <numeric>
 
 #include "corpus.hpp"
+#include "escaping_handler.hpp"
 #include "orvo_core/event.hpp"
 #include "orvo_core/json.hpp"
 #include "orvo_core/text.hpp"
@@ -59,6 +62,10 @@ Collaborators collaborators(const AskOptions& options) {
   const std::string api_key = key != nullptr ? key : "";
   orvo_inference::http::ClientOptions client_options;
   client_options.read_timeout = options.timeout;
+  client_options.connect_timeout = options.connect_timeout;
+  client_options.total_timeout = options.total_timeout;
+  client_options.retry.max_retries = options.retries;
+  client_options.ca_file = options.ca_file;
   const auto client = orvo_inference::http::HttpClient::create(client_options);
   const auto chat = std::make_shared<orvo_inference::OpenAILMInvoker>(
       options.chat_model, options.url, api_key, orvo_core::Map{}, client);
@@ -131,17 +138,32 @@ std::string distinct_references(const orvo_core::List& entries) {
 Chunks top_k(const Chunks& chunks, const std::vector<double>& scores, std::size_t k) {
   std::vector<std::size_t> order(chunks.size());
   std::iota(order.begin(), order.end(), 0);
+  // NaN (a zero vector has no direction) ranks last, and the order stays a strict one.
+  const auto score = [&scores](std::size_t i) {
+    return std::isnan(scores[i]) ? -std::numeric_limits<double>::infinity() : scores[i];
+  };
   std::stable_sort(order.begin(), order.end(),
-                   [&scores](std::size_t a, std::size_t b) { return scores[a] > scores[b]; });
+                   [&score](std::size_t a, std::size_t b) { return score(a) > score(b); });
   Chunks best;
   for (std::size_t i = 0; i < std::min(k, order.size()); ++i) best.push_back(chunks[order[i]]);
   return best;
 }
 
+// Loads the corpus and says which files were skipped; outside the coroutine, where g++ 12 at -O1
+// mistakes the frame's deallocation for a mismatched one.
+Chunks load(const AskOptions& options, std::ostream& err) {
+  std::vector<std::string> skipped;
+  Chunks chunks = load_corpus(options.docs, ChunkOptions{options.chunk_size},
+                              LoadOptions{options.max_file_bytes, options.strict}, &skipped);
+  for (const auto& line : skipped)
+    err << "orvo: " << orvo_core::text::escape_controls(line) << '\n';
+  return chunks;
+}
+
 }  // namespace
 
 orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostream* err) {
-  const Chunks chunks = load_corpus(options.docs, ChunkOptions{options.chunk_size});
+  const Chunks chunks = load(options, *err);
   const Collaborators parts = collaborators(options);
 
   std::shared_ptr<orvo_core::ConsoleHandler> console;
@@ -153,7 +175,7 @@ orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostre
         *out, *err, options.verbose,
         options.color ? orvo_core::ConsoleHandler::Color::automatic
                       : orvo_core::ConsoleHandler::Color::never);
-    handlers.push_back(console);
+    handlers.push_back(escaping_handler(console));
   }
   const auto emitter = std::make_shared<orvo_core::EventEmitter>(handlers);
 

@@ -1,9 +1,16 @@
 #include "corpus.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <fstream>
+#include <cerrno>
+#include <set>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
+#include <utility>
 
 #include "orvo_core/json.hpp"
 
@@ -62,19 +69,95 @@ void cut(std::string_view paragraph, std::size_t max_chars, std::vector<std::str
   if (!paragraph.empty()) out.emplace_back(paragraph);
 }
 
-std::string read_file(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path.string());
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 std::string lower_extension(const fs::path& path) {
   std::string ext = path.extension().string();
   std::transform(ext.begin(), ext.end(), ext.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return ext;
+}
+
+// A file that cannot be read; the message names it and says why.
+class Unreadable : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+std::string why(int error) {
+  return std::generic_category().message(error);
+}
+
+// Reads a regular file of at most `max_bytes`. Opening does not block (a FIFO would) and the type
+// and size are checked on the opened file, so nothing can be swapped in between.
+std::string read_file(const fs::path& path, std::uint64_t max_bytes) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) {
+    const int error = errno;
+    throw Unreadable(path.string() + (error == ELOOP ? ": symbolic link loop"
+                                                     : ": cannot read it (" + why(error) + ")"));
+  }
+  struct Closer {
+    int fd;
+    ~Closer() { ::close(fd); }
+  } closer{fd};
+  struct stat info {};
+  if (::fstat(fd, &info) != 0)
+    throw Unreadable(path.string() + ": cannot read it (" + why(errno) + ")");
+  if (!S_ISREG(info.st_mode)) throw Unreadable(path.string() + ": not a regular file");
+  if (static_cast<std::uint64_t>(info.st_size) > max_bytes) {
+    throw Unreadable(path.string() + ": larger than " + std::to_string(max_bytes) +
+                     " bytes (--max-file-size)");
+  }
+  std::string text(static_cast<std::size_t>(info.st_size), '\0');
+  std::size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = ::read(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw Unreadable(path.string() + ": cannot read it (" + why(errno) + ")");
+    if (n == 0) break;  // It shrank meanwhile.
+    done += static_cast<std::size_t>(n);
+  }
+  text.resize(done);
+  return text;
+}
+
+struct Walk {
+  std::vector<fs::path> files;
+  std::vector<std::string> problems;
+};
+
+// Lists the text files under `folder`. Linked folders are not followed, so there is no loop to
+// fall into; every problem is kept with its path instead of ending the walk.
+void walk(const fs::path& folder, Walk& out) {
+  std::error_code error;
+  fs::directory_iterator it(folder, error);
+  if (error) {
+    out.problems.push_back(folder.string() + ": cannot list it (" + error.message() + ")");
+    return;
+  }
+  for (; it != fs::directory_iterator(); it.increment(error)) {
+    const fs::path path = it->path();
+    const fs::file_status own = it->symlink_status(error);
+    if (!error && fs::is_directory(own)) {
+      walk(path, out);
+      continue;
+    }
+    const std::string ext = lower_extension(path);
+    if (ext != ".md" && ext != ".txt") continue;
+    const fs::file_status target = fs::status(path, error);
+    if (error) {
+      out.problems.push_back(path.string() + (error == std::errc::too_many_symbolic_link_levels
+                                                  ? ": symbolic link loop"
+                                                  : ": cannot read it (" + error.message() + ")"));
+      error.clear();
+    } else if (!fs::is_regular_file(target)) {
+      out.problems.push_back(path.string() + (fs::is_directory(target)
+                                                  ? ": a linked folder, not followed"
+                                                  : ": not a regular file"));
+    } else {
+      out.files.push_back(path);
+    }
+  }
+  if (error) out.problems.push_back(folder.string() + ": cannot list it (" + error.message() + ")");
 }
 
 void add_chunks(std::string_view text, const orvo_core::Map& metadata, const std::string& id,
@@ -86,17 +169,17 @@ void add_chunks(std::string_view text, const orvo_core::Map& metadata, const std
   }
 }
 
-void load_text_file(const fs::path& path, const ChunkOptions& options,
+void load_text_file(const fs::path& path, std::string text, const ChunkOptions& options,
                     std::vector<std::shared_ptr<orvo_core::Chunk>>& out) {
   orvo_core::Map metadata;
   metadata.emplace("file_name", path.filename().string());
   metadata.emplace("file_url", path.generic_string());
-  add_chunks(read_file(path), metadata, path.generic_string(), options, out);
+  add_chunks(text, metadata, path.generic_string(), options, out);
 }
 
-void load_json_lines(const fs::path& path, const ChunkOptions& options,
+void load_json_lines(const fs::path& path, std::string text, const ChunkOptions& options,
                      std::vector<std::shared_ptr<orvo_core::Chunk>>& out) {
-  std::istringstream lines(read_file(path));
+  std::istringstream lines(std::move(text));
   std::string line;
   for (std::size_t number = 1; std::getline(lines, line); ++number) {
     if (trim(line).empty()) continue;
@@ -155,31 +238,47 @@ std::vector<std::string> split_text(std::string_view text, const ChunkOptions& o
 }
 
 std::vector<std::shared_ptr<orvo_core::Chunk>> load_corpus(const fs::path& path,
-                                                           const ChunkOptions& options) {
+                                                           const ChunkOptions& options,
+                                                           const LoadOptions& load,
+                                                           std::vector<std::string>* skipped) {
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
-  if (error || !fs::exists(status))
+  if (error == std::errc::too_many_symbolic_link_levels) {
+    throw std::runtime_error(path.string() + ": symbolic link loop");
+  }
+  if (error || !fs::exists(status)) {
     throw std::runtime_error("no such file or folder: " + path.string());
+  }
   std::vector<std::shared_ptr<orvo_core::Chunk>> chunks;
   if (fs::is_directory(status)) {
-    std::vector<fs::path> files;
-    for (const auto& entry : fs::recursive_directory_iterator(path)) {
-      const std::string ext = lower_extension(entry.path());
-      if (entry.is_regular_file() && (ext == ".md" || ext == ".txt")) files.push_back(entry.path());
+    Walk found;
+    walk(path, found);
+    std::sort(found.files.begin(), found.files.end());
+    for (const auto& file : found.files) {
+      try {
+        load_text_file(file, read_file(file, load.max_file_bytes), options, chunks);
+      } catch (const Unreadable& e) {
+        found.problems.emplace_back(e.what());
+      }
     }
-    std::sort(files.begin(), files.end());
-    for (const auto& file : files) load_text_file(file, options, chunks);
+    if (load.strict && !found.problems.empty()) throw std::runtime_error(found.problems.front());
+    if (skipped != nullptr) {
+      for (auto& problem : found.problems) skipped->push_back("skipped " + std::move(problem));
+    }
     if (chunks.empty()) {
       throw std::runtime_error("no text found in " + path.string() +
                                " (it is searched for .md and .txt files)");
     }
     return chunks;
   }
-  const std::string ext = lower_extension(path);
-  if (ext == ".jsonl") {
-    load_json_lines(path, options, chunks);
+  if (!fs::is_regular_file(status)) {
+    throw std::runtime_error(path.string() + ": not a regular file or folder");
+  }
+  std::string text = read_file(path, load.max_file_bytes);
+  if (lower_extension(path) == ".jsonl") {
+    load_json_lines(path, std::move(text), options, chunks);
   } else {
-    load_text_file(path, options, chunks);
+    load_text_file(path, std::move(text), options, chunks);
   }
   if (chunks.empty()) throw std::runtime_error("no text found in " + path.string());
   return chunks;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -22,11 +23,22 @@ struct ChunkOptions {
 [[nodiscard]] std::vector<std::string> split_text(std::string_view text,
                                                   const ChunkOptions& options);
 
-/// Loads the chunks of a corpus: a folder (searched recursively, in name order) of .md and .txt
-/// files, one such file, or a .jsonl file of {"content": ..., "metadata": {...}} objects. Files
-/// get the metadata "file_name" (the file's name) and "file_url" (its path). Errors are
-/// `std::runtime_error`s that say which file (and, for JSON Lines, which line) is at fault.
+/// Which files of a corpus are read.
+struct LoadOptions {
+  std::uint64_t max_file_bytes = std::uint64_t{16} << 20;  ///< Larger files are skipped.
+  /// A file in a folder that cannot be read (not a regular file, too large, unreadable, a
+  /// symbolic link loop) is an error instead of being skipped.
+  bool strict = false;
+};
+
+/// Loads the chunks of a corpus: a folder (searched recursively, in name order, without following
+/// linked folders) of .md and .txt files, one such file, or a .jsonl file of
+/// {"content": ..., "metadata": {...}} objects. Only regular files are read. Files get the
+/// metadata "file_name" (the file's name) and "file_url" (its path). Files of a folder that
+/// cannot be read are skipped, each with a line naming it and why appended to `skipped`. Errors
+/// are `std::runtime_error`s that say which file (and, for JSON Lines, which line) is at fault.
 [[nodiscard]] std::vector<std::shared_ptr<orvo_core::Chunk>> load_corpus(
-    const std::filesystem::path& path, const ChunkOptions& options = {});
+    const std::filesystem::path& path, const ChunkOptions& options = {},
+    const LoadOptions& load = {}, std::vector<std::string>* skipped = nullptr);
 
 }  // namespace orvo_cli

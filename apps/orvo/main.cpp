@@ -7,6 +7,7 @@
 #include "ask.hpp"
 #include "options.hpp"
 #include "orvo_core/async.hpp"
+#include "orvo_core/text.hpp"
 
 int main(int argc, char** argv) {
   const std::vector<std::string_view> args(argv + 1, argv + argc);
@@ -33,11 +34,12 @@ int main(int argc, char** argv) {
     return 0;
   } catch (const orvo_cli::UsageError& e) {
     std::cout << std::flush;
-    std::cerr << "orvo: " << e.what() << "\n(see orvo --help)\n";
+    std::cerr << "orvo: " << orvo_core::text::escape_controls(e.what(), true)
+              << "\n(see orvo --help)\n";
     return 2;
   } catch (const std::exception& e) {
     std::cout << std::flush;
-    std::cerr << "\norvo: error: " << e.what() << '\n';
+    std::cerr << "\norvo: error: " << orvo_core::text::escape_controls(e.what(), true) << '\n';
     return 1;
   }
 }

@@ -1,6 +1,7 @@
 #include "options.hpp"
 
 #include <charconv>
+#include <cmath>
 
 namespace orvo_cli {
 namespace {
@@ -13,6 +14,17 @@ T number(std::string_view option, std::string_view text) {
     throw UsageError(std::string(option) + " expects a number, got '" + std::string(text) + "'");
   }
   return value;
+}
+
+// A duration in seconds: finite, positive and short enough that no count overflows.
+std::chrono::milliseconds seconds(std::string_view option, std::string_view text) {
+  constexpr double kMaxSeconds = 1e6;
+  const double value = number<double>(option, text);
+  if (!std::isfinite(value) || value <= 0 || value > kMaxSeconds) {
+    throw UsageError(std::string(option) + " expects seconds in (0, 1e6], got '" +
+                     std::string(text) + "'");
+  }
+  return std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(value * 1000)));
 }
 
 }  // namespace
@@ -35,7 +47,14 @@ Without --url everything runs offline: lexical embeddings and an extractive answ
   --batch-size N           chunks per request of the lm reference judge (default: 5)
   --top-k N                chunks retrieved for the question (default: 4)
   --chunk-size N           longest chunk in characters (default: 800)
-  --timeout SECONDS        longest wait for the server (default: 120)
+  --timeout SECONDS        longest wait for the next bytes from the server (default: 120)
+  --connect-timeout SECONDS  longest wait to connect to the server (default: 10)
+  --total-timeout SECONDS  longest time for one request, retries included (default: 600)
+  --retries N              tries again this often when the server is busy or unreachable
+                           (default: 2; 0 turns retries off)
+  --ca-file PATH           PEM file of the certificate authorities to trust for https
+  --max-file-size BYTES    larger files in --docs are skipped (default: 16777216)
+  --strict                 a file in --docs that cannot be read is an error, not skipped
   --json                   write every event as a line of JSON to standard output
   --verbose                show progress messages on standard error
   --no-color               never colour the output
@@ -93,9 +112,21 @@ AskOptions parse_ask_options(std::span<const std::string_view> args) {
       options.chunk_size = number<std::size_t>(arg, value());
       if (options.chunk_size < 40) throw UsageError("--chunk-size must be at least 40");
     } else if (arg == "--timeout") {
-      const double seconds = number<double>(arg, value());
-      if (!(seconds > 0)) throw UsageError("--timeout must be positive");
-      options.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 1000));
+      options.timeout = seconds(arg, value());
+    } else if (arg == "--connect-timeout") {
+      options.connect_timeout = seconds(arg, value());
+    } else if (arg == "--total-timeout") {
+      options.total_timeout = seconds(arg, value());
+    } else if (arg == "--retries") {
+      options.retries = number<std::size_t>(arg, value());
+      if (options.retries > 100) throw UsageError("--retries must be at most 100");
+    } else if (arg == "--ca-file") {
+      options.ca_file = value();
+    } else if (arg == "--max-file-size") {
+      options.max_file_bytes = number<std::uint64_t>(arg, value());
+      if (options.max_file_bytes < 1) throw UsageError("--max-file-size must be at least 1");
+    } else if (arg == "--strict") {
+      options.strict = true;
     } else if (arg == "--json") {
       options.json = true;
     } else if (arg == "--verbose") {

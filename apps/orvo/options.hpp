@@ -35,7 +35,13 @@ struct AskOptions {
   std::int64_t batch_size = 5;
   std::size_t top_k = 4;
   std::size_t chunk_size = 800;
-  std::chrono::milliseconds timeout{120'000};
+  std::chrono::milliseconds timeout{120'000};         ///< Idle: longest wait for the next bytes.
+  std::chrono::milliseconds connect_timeout{10'000};  ///< Resolving, connecting, TLS handshake.
+  std::chrono::milliseconds total_timeout{600'000};   ///< A whole request, retries included.
+  std::size_t retries = 2;                            ///< Of a busy or unreachable server.
+  std::string ca_file;                                ///< Trusted CAs instead of the system's.
+  std::uint64_t max_file_bytes = std::uint64_t{16} << 20;  ///< Larger corpus files are skipped.
+  bool strict = false;  ///< Unreadable or skipped corpus files are errors.
   bool json = false;
   bool verbose = false;
   bool color = true;

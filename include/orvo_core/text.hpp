@@ -36,6 +36,11 @@ void append_float(std::string& out, double d);
 /// excerpt for error messages.
 [[nodiscard]] std::string excerpt(std::string_view s, std::size_t max_bytes = 120);
 
+/// `s` with every control character escaped (C0 as \xNN, DEL as \x7f, C1 as \u0080..\u009f,
+/// and bytes that are not UTF-8 as \xNN), so that text from outside cannot drive a terminal.
+/// With `keep_lines`, \n and \t stay as they are.
+[[nodiscard]] std::string escape_controls(std::string_view s, bool keep_lines = false);
+
 /// Whether a code point is printable under Unicode 14.0 (the host's `str.isprintable`).
 [[nodiscard]] bool is_printable(char32_t cp) noexcept;
 

@@ -21,7 +21,8 @@ class ConnectError : public InferenceError {
   using InferenceError::InferenceError;
 };
 
-/// Connecting, or waiting for the next bytes of a reply, took longer than its timeout.
+/// Connecting, waiting for the next bytes of a reply, or the whole call took longer than its
+/// limit, or the reply came slower than the lowest speed allowed.
 class TimeoutError : public InferenceError {
  public:
   using InferenceError::InferenceError;
@@ -44,6 +45,13 @@ class HttpStatusError : public InferenceError {
 /// The reply broke the protocol or its size limit: bad HTTP, bad event stream, or a JSON body
 /// without the fields the API promises.
 class MalformedReplyError : public InferenceError {
+ public:
+  using InferenceError::InferenceError;
+};
+
+/// A streamed reply stopped before the server said it was complete (no `[DONE]` and no finish
+/// reason): what came is only part of the answer.
+class TruncatedReplyError : public InferenceError {
  public:
   using InferenceError::InferenceError;
 };

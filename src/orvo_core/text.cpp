@@ -270,6 +270,34 @@ std::string excerpt(std::string_view s, std::size_t max_bytes) {
   return std::string(s.substr(0, end)) + "...";
 }
 
+std::string escape_controls(std::string_view s, bool keep_lines) {
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(s.size());
+  for (std::size_t pos = 0; pos < s.size();) {
+    const std::size_t start = pos;
+    const char32_t cp = decode(s, pos);
+    const bool lone_byte = cp >= 0xdc80 && cp <= 0xdcff && pos - start == 1;
+    if (lone_byte || cp < 0x20 || cp == 0x7f) {
+      const unsigned byte = lone_byte ? cp - 0xdc00 : cp;
+      if (keep_lines && (cp == '\n' || cp == '\t')) {
+        out += static_cast<char>(cp);
+        continue;
+      }
+      out += "\\x";
+      out += digits[byte >> 4];
+      out += digits[byte & 15];
+    } else if (cp >= 0x80 && cp <= 0x9f) {
+      out += "\\u00";
+      out += digits[cp >> 4];
+      out += digits[cp & 15];
+    } else {
+      out.append(s.substr(start, pos - start));
+    }
+  }
+  return out;
+}
+
 std::size_t code_point_count(std::string_view s) noexcept {
   std::size_t count = 0;
   std::size_t pos = 0;

@@ -13,6 +13,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
@@ -28,6 +29,7 @@ namespace {
 
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
+namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 
@@ -44,7 +46,8 @@ asio::awaitable<void> pause(std::chrono::milliseconds duration) {
   co_await timer.async_wait(asio::use_awaitable);
 }
 
-asio::awaitable<bool> write_all(tcp::socket* socket, std::string_view data) {
+template <typename Stream>
+asio::awaitable<bool> write_all(Stream* socket, std::string_view data) {
   error_code ec;
   auto token = asio::redirect_error(asio::use_awaitable, ec);
   co_await asio::async_write(*socket, asio::buffer(data), token);
@@ -55,6 +58,7 @@ std::string format_head(const Reply& reply) {
   std::string head = "HTTP/1.1 " + std::to_string(reply.status) +
                      (reply.status == 200 ? " OK\r\n" : " Not OK\r\n");
   if (!reply.content_type.empty()) head += "Content-Type: " + reply.content_type + "\r\n";
+  for (const auto& [name, value] : reply.headers) head += name + ": " + value + "\r\n";
   if (reply.pieces.empty()) {
     const std::size_t announced = reply.body.size() + (reply.close_mid_body ? 100 : 0);
     head += "Content-Length: " + std::to_string(announced) + "\r\n";
@@ -68,19 +72,17 @@ std::string format_head(const Reply& reply) {
 }
 
 // Sends the reply; false when the connection must close afterwards.
-asio::awaitable<bool> answer(tcp::socket* socket, Reply reply) {
+template <typename Stream>
+asio::awaitable<bool> answer(Stream* socket, Reply reply) {
   if (reply.header_delay.count() > 0) co_await pause(reply.header_delay);
-  if (reply.stall) {
-    co_await pause(std::chrono::hours(24));
-    co_return false;
-  }
   const std::string head = reply.raw ? *reply.raw : format_head(reply) + reply.body;
   bool open = co_await write_all(socket, head);
-  for (std::size_t i = 0; open && !reply.raw && i < reply.pieces.size(); ++i) {
+  const bool framed = reply.chunked && !reply.raw;
+  for (std::size_t i = 0; open && i < reply.pieces.size(); ++i) {
     if (i > 0 && reply.piece_delay.count() > 0) co_await pause(reply.piece_delay);
     const std::string& piece = reply.pieces[i];
     if (piece.empty()) continue;  // An empty chunk would end the body.
-    const std::string data = reply.chunked ? hex(piece.size()) + "\r\n" + piece + "\r\n" : piece;
+    const std::string data = framed ? hex(piece.size()) + "\r\n" + piece + "\r\n" : piece;
     open = co_await write_all(socket, data);
   }
   if (!reply.raw && !reply.pieces.empty()) {
@@ -122,7 +124,13 @@ Reply Reply::stream(std::vector<std::string> pieces, std::chrono::milliseconds d
 }
 
 struct LoopbackServer::State {
-  explicit State(Handler handler) : handler(std::move(handler)) {}
+  State(Handler handler, const std::string& identity) : handler(std::move(handler)) {
+    if (identity.empty()) return;
+    tls.emplace(ssl::context::tls_server);
+    tls->use_certificate_chain_file(identity);
+    tls->use_private_key_file(identity, ssl::context::pem);
+    SSL_CTX_set_max_proto_version(tls->native_handle(), TLS1_2_VERSION);  // Old, yet common.
+  }
 
   asio::awaitable<void> accept_loop() {
     for (;;) {
@@ -130,11 +138,18 @@ struct LoopbackServer::State {
       auto token = asio::redirect_error(asio::use_awaitable, ec);
       tcp::socket socket = co_await acceptor.async_accept(token);
       if (ec) co_return;
-      asio::co_spawn(io, serve(std::move(socket), ++accepted), asio::detached);
+      if (tls) {  // One handshake at a time is enough for a test.
+        ssl::stream<tcp::socket> stream(std::move(socket), *tls);
+        co_await stream.async_handshake(ssl::stream_base::server, token);
+        if (!ec) asio::co_spawn(io, serve(std::move(stream), ++accepted), asio::detached);
+      } else {
+        asio::co_spawn(io, serve(std::move(socket), ++accepted), asio::detached);
+      }
     }
   }
 
-  asio::awaitable<void> serve(tcp::socket socket, std::size_t index) {
+  template <typename Stream>
+  asio::awaitable<void> serve(Stream socket, std::size_t index) {
     boost::beast::flat_buffer buffer;
     for (;;) {
       http::request<http::string_body> message;
@@ -164,22 +179,30 @@ struct LoopbackServer::State {
       } catch (const std::exception& error) {
         reply = Reply::json(error.what(), 500);
       }
+      if (reply.stall) {  // Until the client gives up.
+        char byte = 0;
+        while (!ec) co_await socket.async_read_some(asio::buffer(&byte, 1), token);
+        ++closed;
+        co_return;
+      }
       if (!co_await answer(&socket, std::move(reply))) co_return;  // Closes the socket.
     }
   }
 
   Handler handler;
+  std::optional<ssl::context> tls;
   asio::io_context io;
   tcp::acceptor acceptor{io, tcp::endpoint(asio::ip::address_v4::loopback(), 0)};
   const unsigned short port = acceptor.local_endpoint().port();
   std::atomic<std::size_t> accepted{0};
+  std::atomic<std::size_t> closed{0};
   mutable std::mutex mutex;
   std::vector<RecordedRequest> requests;
   std::thread thread;
 };
 
-LoopbackServer::LoopbackServer(Handler handler)
-    : state_(std::make_unique<State>(std::move(handler))) {
+LoopbackServer::LoopbackServer(Handler handler, const std::string& identity)
+    : state_(std::make_unique<State>(std::move(handler), identity)) {
   asio::co_spawn(state_->io, state_->accept_loop(), asio::detached);
   state_->thread = std::thread([state = state_.get()] { state->io.run(); });
 }
@@ -200,6 +223,10 @@ unsigned short LoopbackServer::port() const {
 
 std::size_t LoopbackServer::accepted_connections() const {
   return state_->accepted.load();
+}
+
+std::size_t LoopbackServer::closed_by_client() const {
+  return state_->closed.load();
 }
 
 std::vector<RecordedRequest> LoopbackServer::requests() const {

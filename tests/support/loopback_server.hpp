@@ -32,6 +32,7 @@ struct Reply {
   unsigned status = 200;
   std::string content_type = "application/json";  ///< Left out when empty.
   std::string body{};
+  std::vector<std::pair<std::string, std::string>> headers{};  ///< Extra header fields.
 
   /// When not empty, the body is these pieces instead, each written and flushed on its own with
   /// `piece_delay` between them: chunked, or delimited by closing the connection.
@@ -40,15 +41,16 @@ struct Reply {
   bool chunked = true;
 
   std::chrono::milliseconds header_delay{0};  ///< Pause before anything is sent.
-  bool stall = false;  ///< Never answer; the connection stays open until the server stops.
+  bool stall = false;  ///< Never answer; the connection stays open until the client closes it.
   /// Announce 100 more bytes than `body`, send `body`, then close.
   bool close_mid_body = false;
   bool keep_alive = true;  ///< false: say "Connection: close" and close after replying.
   /// Close after replying although keep-alive was announced, as a server does with a
   /// connection it considers idle.
   bool close_after = false;
-  /// Sent verbatim instead of a formatted reply (status, headers and body are ignored); the
-  /// connection is then kept or closed as `keep_alive` and `close_after` say.
+  /// Sent verbatim instead of a formatted reply (status, headers and body are ignored), followed
+  /// by `pieces` verbatim; the connection is then kept or closed as `keep_alive` and
+  /// `close_after` say.
   std::optional<std::string> raw{};
 
   /// A complete JSON reply.
@@ -67,7 +69,9 @@ class LoopbackServer {
  public:
   using Handler = std::function<Reply(const RecordedRequest&)>;
 
-  explicit LoopbackServer(Handler handler);
+  /// With `identity` (a PEM file with a certificate chain and its key), it speaks HTTPS, TLS 1.2
+  /// at most.
+  explicit LoopbackServer(Handler handler, const std::string& identity = "");
   ~LoopbackServer();
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
@@ -77,6 +81,8 @@ class LoopbackServer {
   [[nodiscard]] unsigned short port() const;
   /// Connections accepted so far.
   [[nodiscard]] std::size_t accepted_connections() const;
+  /// Stalled connections that the client has closed so far.
+  [[nodiscard]] std::size_t closed_by_client() const;
   /// The requests received so far, in order.
   [[nodiscard]] std::vector<RecordedRequest> requests() const;
 

@@ -21,6 +21,10 @@ class OpenAIEMInvoker : public BaseEMInvoker {
   OpenAIEMInvoker(std::string model, std::string base_url, std::string api_key = {},
                   std::size_t batch_size = 64, std::shared_ptr<http::HttpClient> client = nullptr);
 
+  /// As above, with a client of its own made with these options (timeouts, retries, TLS).
+  OpenAIEMInvoker(std::string model, std::string base_url, std::string api_key,
+                  std::size_t batch_size, const http::ClientOptions& options);
+
   orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string text) override;
   orvo_core::Awaitable<orvo_core::Embeddings> invoke(std::vector<std::string_view> texts) override;
 

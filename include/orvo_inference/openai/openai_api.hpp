@@ -23,6 +23,15 @@ namespace orvo_inference::openai {
 /// The text of the first choice of a complete chat reply.
 [[nodiscard]] std::string chat_reply_text(std::string_view body);
 
+/// What one streamed chat event carries.
+struct ChatDelta {
+  std::string text;       ///< Empty for a role announcement, usage or a bare finish reason.
+  bool finished = false;  ///< The first choice has a finish reason: the answer is complete.
+};
+
+/// The delta of one streamed chat event (the data of one server-sent event).
+[[nodiscard]] ChatDelta chat_delta(std::string_view event_data);
+
 /// The text delta of one streamed chat event (the data of one server-sent event); empty when
 /// the event carries no text (a role announcement, a finish reason).
 [[nodiscard]] std::string chat_delta_text(std::string_view event_data);
@@ -37,12 +46,20 @@ namespace orvo_inference::openai {
 
 /// The vectors of an embeddings reply, put in input order by their "index", appended to `out`
 /// row after row; returns their length. A reply that does not hold exactly one vector of one
-/// common length for each of the `count` inputs is malformed.
+/// common length of finite floats for each of the `count` inputs is malformed.
 std::size_t append_embeddings(std::string_view body, std::size_t count, std::vector<float>& out);
 
-/// Splits a server-sent event stream into the data of its events, however the bytes arrive.
+/// Splits a server-sent event stream into the data of its events, however the bytes arrive, in
+/// time linear in the bytes. A line or an event longer than the limit is a `MalformedReplyError`.
 class EventStreamParser {
  public:
+  /// The default limit of a line or an event's data.
+  static constexpr std::size_t kDefaultMaxLine = std::size_t{1} << 20;
+
+  /// Lines and events of up to `max_line_bytes`.
+  explicit EventStreamParser(std::size_t max_line_bytes = kDefaultMaxLine)
+      : max_line_(max_line_bytes) {}
+
   /// Feeds the next bytes; appends the data of every event they complete to `events`.
   void feed(std::string_view bytes, std::vector<std::string>& events);
 
@@ -52,7 +69,9 @@ class EventStreamParser {
  private:
   void line(std::string_view text, std::vector<std::string>& events);
 
+  std::size_t max_line_;
   std::string pending_;              // an incomplete line
+  std::size_t scanned_ = 0;          // pending_ holds no line end before this
   std::optional<std::string> data_;  // the data of the event being read
 };
 

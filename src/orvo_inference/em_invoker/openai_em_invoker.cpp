@@ -21,6 +21,11 @@ OpenAIEMInvoker::OpenAIEMInvoker(std::string model, std::string base_url, std::s
   if (this->batch_size == 0) throw orvo_core::ValueError("`batch_size` must be at least 1");
 }
 
+OpenAIEMInvoker::OpenAIEMInvoker(std::string model, std::string base_url, std::string api_key,
+                                 std::size_t batch_size, const http::ClientOptions& options)
+    : OpenAIEMInvoker(std::move(model), std::move(base_url), std::move(api_key), batch_size,
+                      http::HttpClient::create(options)) {}
+
 orvo_core::Awaitable<orvo_core::Embedding> OpenAIEMInvoker::invoke(std::string text) {
   std::vector<std::string_view> texts;
   texts.emplace_back(text);
@@ -40,8 +45,10 @@ orvo_core::Awaitable<orvo_core::Embeddings> OpenAIEMInvoker::invoke(
     http::Request request = openai::post_request(base_url, "embeddings", api_key_,
                                                  openai::embeddings_request_body(model, batch));
     const http::Response response = co_await client_->send(std::move(request));
-    openai::check_status(response);
-    const std::size_t batch_dim = openai::append_embeddings(response.body, count, data);
+    const std::size_t batch_dim = openai::without_key(api_key_, [&] {
+      openai::check_status(response);
+      return openai::append_embeddings(response.body, count, data);
+    });
     if (start != 0 && batch_dim != dim) {
       throw MalformedReplyError("the embedding length changed between batches, from " +
                                 std::to_string(dim) + " to " + std::to_string(batch_dim));

@@ -1,6 +1,7 @@
 #include "orvo_inference/http/http_client.hpp"
 
 #include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 
 #include <algorithm>
 #include <cctype>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -28,6 +30,7 @@
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
+#include <boost/system/system_error.hpp>
 
 #include "orvo_core/errors.hpp"
 #include "orvo_inference/errors.hpp"
@@ -211,6 +214,19 @@ OutgoingMessage build_message(Request& request, const Url& url) {
 // ---------------------------------------------------------------------------------------------
 // Connections
 
+// A TLS handshake that either side refused (a certificate that failed verification, no common
+// version) fails again: no retry.
+class HandshakeRefusedError : public ConnectError {
+ public:
+  using ConnectError::ConnectError;
+};
+
+// A cancelled call ends at once as cancelled: it must not look like a failure worth a retry.
+error_code checked(const error_code& ec) {
+  if (ec == asio::error::operation_aborted) throw boost::system::system_error(ec);
+  return ec;
+}
+
 class Connection {
  public:
   Connection(const asio::any_io_executor& executor, ssl::context* tls_context, std::string key,
@@ -226,27 +242,30 @@ class Connection {
   beast::tcp_stream& tcp() { return tls_ ? beast::get_lowest_layer(*tls_) : *plain_; }
   ssl::stream<beast::tcp_stream>::native_handle_type tls_handle() { return tls_->native_handle(); }
   bool is_tls() const { return tls_.has_value(); }
-  void set_verification(bool verify, const std::string& host) {
-    if (verify) {
-      tls_->set_verify_mode(ssl::verify_peer);
-      tls_->set_verify_callback(ssl::host_name_verification(host));
-    } else {
+  // OpenSSL's own name check, so that a mismatch is reported as one.
+  bool set_verification(bool verify, const std::string& host) {
+    if (!verify) {
       tls_->set_verify_mode(ssl::verify_none);
+      return true;
     }
+    tls_->set_verify_mode(ssl::verify_peer);
+    X509_VERIFY_PARAM* param = SSL_get0_param(tls_handle());
+    return is_ip_literal(host) ? X509_VERIFY_PARAM_set1_ip_asc(param, host.c_str()) == 1
+                               : SSL_set1_host(tls_handle(), host.c_str()) == 1;
   }
 
   Awaitable<error_code> connect(std::vector<tcp::endpoint> endpoints) {
     error_code ec;
     auto token = asio::redirect_error(asio::use_awaitable, ec);
     co_await tcp().async_connect(endpoints, token);
-    co_return ec;
+    co_return checked(ec);
   }
 
   Awaitable<error_code> handshake() {
     error_code ec;
     auto token = asio::redirect_error(asio::use_awaitable, ec);
     co_await tls_->async_handshake(ssl::stream_base::client, token);
-    co_return ec;
+    co_return checked(ec);
   }
 
   Awaitable<error_code> write(const OutgoingMessage* message) {
@@ -257,7 +276,7 @@ class Connection {
     } else {
       co_await bhttp::async_write(*plain_, *message, token);
     }
-    co_return ec;
+    co_return checked(ec);
   }
 
   Awaitable<error_code> read_header(ReplyParser* parser) {
@@ -268,7 +287,7 @@ class Connection {
     } else {
       co_await bhttp::async_read_header(*plain_, buffer, *parser, token);
     }
-    co_return ec;
+    co_return checked(ec);
   }
 
   Awaitable<error_code> read_some(ReplyParser* parser) {
@@ -279,7 +298,7 @@ class Connection {
     } else {
       co_await bhttp::async_read_some(*plain_, buffer, *parser, token);
     }
-    co_return ec;
+    co_return checked(ec);
   }
 
   const std::string key;
@@ -416,6 +435,7 @@ Awaitable<std::vector<tcp::endpoint>> resolve(Url url, asio::any_io_executor exe
   std::vector<tcp::endpoint> endpoints = co_await state->outcome.async_receive(token);
   state->timer.cancel();
   state->resolver.cancel();
+  (void)checked(ec);
   if (!ec && endpoints.empty()) ec = asio::error::host_not_found;
   *error = ec;
   co_return endpoints;
@@ -442,27 +462,108 @@ std::string ms(std::chrono::milliseconds duration) {
   return std::to_string(duration.count()) + " ms";
 }
 
+// Which limit ended a wait.
+enum class Limit { idle, total, low_speed };
+
+// Abandons a reply whose body arrives slower than the limit over a whole window.
+class SpeedCheck {
+ public:
+  SpeedCheck(const ClientOptions& options, Clock::time_point now)
+      : window_(options.low_speed_time),
+        needed_(static_cast<double>(options.low_speed_limit) *
+                std::chrono::duration<double>(options.low_speed_time).count()),
+        start_(now) {}
+
+  // Counts bytes that arrived by `now`; false once a whole window went by below the limit.
+  bool count(std::size_t bytes, Clock::time_point now) {
+    if (needed_ <= 0) return true;
+    bytes_ += static_cast<double>(bytes);
+    if (now - start_ < window_) return true;
+    if (bytes_ < needed_) return false;
+    start_ = now;
+    bytes_ = 0;
+    return true;
+  }
+
+  // Waiting past this without a byte fails the check anyway.
+  [[nodiscard]] Clock::time_point fails_at() const {
+    return needed_ > 0 && bytes_ < needed_ ? start_ + window_ : Clock::time_point::max();
+  }
+
+ private:
+  std::chrono::milliseconds window_;
+  double needed_;
+  Clock::time_point start_;
+  double bytes_ = 0;
+};
+
 // One attempt at sending a request and reading its reply on one connection.
 struct Attempt {
   Response response;
   error_code ec;
-  bool replied = false;   // Some of the reply arrived.
-  bool reusable = false;  // Complete, keep-alive, nothing left over.
+  Limit limit = Limit::idle;  // Which one ran out, for a timeout.
+  bool replied = false;       // Some of the reply arrived.
+  bool reusable = false;      // Complete, keep-alive, nothing left over.
+  std::optional<std::chrono::milliseconds> retry_after;
 };
+
+// Retry-After in seconds; the date form is left to the computed backoff.
+std::optional<std::chrono::milliseconds> retry_after(std::string_view value) {
+  if (value.empty() || value.size() > 9 ||
+      !std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+    return std::nullopt;
+  }
+  return std::chrono::seconds(std::stol(std::string(value)));
+}
+
+std::chrono::milliseconds jittered(std::chrono::milliseconds wait) {
+  thread_local std::mt19937_64 random{std::random_device{}()};
+  std::uniform_int_distribution<std::int64_t> half(wait.count() / 2, wait.count());
+  return std::chrono::milliseconds(half(random));
+}
+
+void check(const ClientOptions& options) {
+  const auto positive = [](std::chrono::milliseconds d, const char* name) {
+    if (d.count() <= 0) throw orvo_core::ValueError(std::string(name) + " must be positive");
+  };
+  positive(options.connect_timeout, "`connect_timeout`");
+  positive(options.read_timeout, "`read_timeout`");
+  positive(options.low_speed_time, "`low_speed_time`");
+  positive(options.retry.initial_backoff, "`retry.initial_backoff`");
+  if (options.total_timeout.count() < 0) {
+    throw orvo_core::ValueError("`total_timeout` must not be negative");
+  }
+  if (options.retry.max_backoff < options.retry.initial_backoff) {
+    throw orvo_core::ValueError("`retry.max_backoff` must not be below `retry.initial_backoff`");
+  }
+}
 
 class BeastHttpClient final : public HttpClient,
                               public std::enable_shared_from_this<BeastHttpClient> {
  public:
   explicit BeastHttpClient(ClientOptions options)
-      : options_(options),
-        pool_(std::make_shared<Pool>(options.max_idle_connections)),
+      : options_((check(options), std::move(options))),
+        pool_(std::make_shared<Pool>(options_.max_idle_connections)),
         tls_context_(ssl::context::tls_client) {
     tls_context_.set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
                              ssl::context::no_sslv3 | ssl::context::no_tlsv1 |
                              ssl::context::no_tlsv1_1);
-    error_code ignored;  // Without system roots every verified handshake fails, and says so.
-    tls_context_.set_default_verify_paths(ignored);
-    tls_context_.set_verify_mode(options.verify_certificates ? ssl::verify_peer : ssl::verify_none);
+    SSL_CTX_set_min_proto_version(
+        tls_context_.native_handle(),
+        options_.min_tls_version == TlsVersion::tls1_3 ? TLS1_3_VERSION : TLS1_2_VERSION);
+    if (!options_.ca_file.empty() || !options_.ca_dir.empty()) {
+      const char* file = options_.ca_file.empty() ? nullptr : options_.ca_file.c_str();
+      const char* dir = options_.ca_dir.empty() ? nullptr : options_.ca_dir.c_str();
+      if (SSL_CTX_load_verify_locations(tls_context_.native_handle(), file, dir) != 1) {
+        throw orvo_core::ValueError("cannot load CA certificates from '" +
+                                    (file != nullptr ? options_.ca_file : options_.ca_dir) + "'");
+      }
+    } else {
+      error_code ignored;  // Without system roots every verified handshake fails, and says so.
+      tls_context_.set_default_verify_paths(ignored);
+    }
+    tls_context_.set_verify_mode(options_.verify_certificates ? ssl::verify_peer
+                                                              : ssl::verify_none);
   }
 
   Awaitable<Response> send(Request request, std::shared_ptr<BodyObserver> observer) override {
@@ -473,66 +574,141 @@ class BeastHttpClient final : public HttpClient,
     const asio::any_io_executor executor = co_await asio::this_coro::executor;
     asio::execution_context* const context = &asio::query(executor, asio::execution::context);
     asio::use_service<PoolWatch>(*context).watch(pool_);
+    const Clock::time_point total_end = options_.total_timeout.count() > 0
+                                            ? Clock::now() + options_.total_timeout
+                                            : Clock::time_point::max();
 
-    std::unique_ptr<Connection> connection = pool_->take(url.pool_key, context);
-    const bool reused = connection != nullptr;
-    if (!connection) connection = co_await connect(url, executor, context);
-    Attempt attempt = co_await exchange(connection.get(), &message, observer.get(), head);
-    if (attempt.ec && reused && !attempt.replied && closed_early(attempt.ec)) {
-      connection.reset();
-      connection = co_await connect(url, executor, context);
-      attempt = co_await exchange(connection.get(), &message, observer.get(), head);
+    for (std::size_t retries = 0;; ++retries) {
+      std::unique_ptr<Connection> connection = pool_->take(url.pool_key, context);
+      const bool reused = connection != nullptr;
+      std::exception_ptr unreachable;
+      try {
+        if (!connection) connection = co_await connect(url, executor, context, total_end);
+      } catch (const HandshakeRefusedError& refused) {
+        throw ConnectError(refused.what());  // Callers see the public type.
+      } catch (const ConnectError&) {
+        unreachable = std::current_exception();
+      } catch (const TimeoutError&) {
+        unreachable = std::current_exception();
+      }
+      if (unreachable) {
+        // Nothing was sent: safe to try again.
+        const auto wait = retry_wait(retries, std::nullopt, total_end);
+        if (!wait) std::rethrow_exception(unreachable);
+        co_await sleep(executor, *wait);
+        continue;
+      }
+
+      Attempt attempt =
+          co_await exchange(connection.get(), &message, observer.get(), head, total_end);
+      if (attempt.ec && reused && !attempt.replied && closed_early(attempt.ec)) {
+        connection.reset();
+        connection = co_await connect(url, executor, context, total_end);
+        attempt = co_await exchange(connection.get(), &message, observer.get(), head, total_end);
+      }
+      if (attempt.ec) {
+        connection.reset();
+        fail(attempt, url);
+      }
+      if (attempt.reusable) pool_->put(std::move(connection));
+      const unsigned status = attempt.response.status;
+      // These replies were collected, not streamed: nothing of them reached the observer.
+      const auto wait = status == 429 || status == 503
+                            ? retry_wait(retries, attempt.retry_after, total_end)
+                            : std::nullopt;
+      if (!wait) co_return std::move(attempt.response);
+      co_await sleep(executor, *wait);
     }
-    if (attempt.ec) {
-      connection.reset();
-      fail(attempt, url);
-    }
-    if (attempt.reusable) pool_->put(std::move(connection));
-    co_return std::move(attempt.response);
   }
 
   [[nodiscard]] std::size_t idle_connections() const override { return pool_->size(); }
 
  private:
+  // How long to wait before retry number `retries` + 1, or none when it is not to be made.
+  std::optional<std::chrono::milliseconds> retry_wait(
+      std::size_t retries, std::optional<std::chrono::milliseconds> asked,
+      Clock::time_point total_end) const {
+    const RetryPolicy& policy = options_.retry;
+    if (retries >= policy.max_retries) return std::nullopt;
+    std::chrono::milliseconds wait = asked.value_or(policy.max_backoff);
+    if (!asked) {
+      auto backoff = policy.initial_backoff;
+      for (std::size_t i = 0; i < retries && backoff < policy.max_backoff; ++i) backoff *= 2;
+      wait = jittered(std::min(backoff, policy.max_backoff));
+    }
+    if (wait > policy.max_backoff || total_end - Clock::now() <= wait) return std::nullopt;
+    return wait;
+  }
+
+  // A cancelled wait throws operation_aborted, so a cancelled call is never tried again.
+  static Awaitable<void> sleep(asio::any_io_executor executor, std::chrono::milliseconds wait) {
+    asio::steady_timer timer(executor, wait);
+    co_await timer.async_wait(asio::use_awaitable);
+  }
+
   Awaitable<std::unique_ptr<Connection>> connect(Url url, asio::any_io_executor executor,
-                                                 asio::execution_context* context) {
-    const auto deadline = Clock::now() + options_.connect_timeout;
+                                                 asio::execution_context* context,
+                                                 Clock::time_point total_end) {
+    const auto deadline = std::min(Clock::now() + options_.connect_timeout, total_end);
     error_code ec;
     std::vector<tcp::endpoint> endpoints = co_await resolve(url, executor, deadline, &ec);
-    if (ec) fail_connect(ec, url);
+    if (ec) fail_connect(ec, url, nullptr);
 
     auto connection = std::make_unique<Connection>(executor, url.https ? &tls_context_ : nullptr,
                                                    url.pool_key, context);
     connection->tcp().expires_at(deadline);
     ec = co_await connection->connect(std::move(endpoints));
-    if (ec) fail_connect(ec, url);
+    if (ec) fail_connect(ec, url, nullptr);
     if (connection->is_tls()) {
       // SNI is for names only; the macro form of this call casts in the old style.
-      if (!is_ip_literal(url.host) &&
-          SSL_ctrl(connection->tls_handle(), SSL_CTRL_SET_TLSEXT_HOSTNAME,
-                   TLSEXT_NAMETYPE_host_name, const_cast<char*>(url.host.c_str())) != 1) {
+      if ((!is_ip_literal(url.host) &&
+           SSL_ctrl(connection->tls_handle(), SSL_CTRL_SET_TLSEXT_HOSTNAME,
+                    TLSEXT_NAMETYPE_host_name, const_cast<char*>(url.host.c_str())) != 1) ||
+          !connection->set_verification(options_.verify_certificates, url.host)) {
         throw ConnectError("cannot connect to " + url.endpoint +
                            ": cannot set the TLS server name");
       }
-      connection->set_verification(options_.verify_certificates, url.host);
       connection->tcp().expires_at(deadline);
       ec = co_await connection->handshake();
-      if (ec) fail_connect(ec, url);
+      if (ec) fail_connect(ec, url, connection.get());
     }
     co_return connection;
   }
 
-  [[noreturn]] void fail_connect(const error_code& ec, const Url& url) const {
+  [[noreturn]] void fail_connect(const error_code& ec, const Url& url,
+                                 Connection* connection) const {
     if (ec == beast::error::timeout) {
       throw TimeoutError("cannot connect to " + url.endpoint + " within " +
                          ms(options_.connect_timeout));
     }
-    throw ConnectError("cannot connect to " + url.endpoint + ": " + ec.message());
+    const std::string where = "cannot connect to " + url.endpoint + ": ";
+    if (connection != nullptr) {
+      const long verified = SSL_get_verify_result(connection->tls_handle());
+      if (verified != X509_V_OK) {
+        throw HandshakeRefusedError(
+            where + "certificate verification failed: " + X509_verify_cert_error_string(verified));
+      }
+      if (ec.category() == asio::error::get_ssl_category()) {
+        throw HandshakeRefusedError(where + ec.message());
+      }
+    }
+    throw ConnectError(where + ec.message());
   }
 
   [[noreturn]] void fail(const Attempt& attempt, const Url& url) const {
     const error_code& ec = attempt.ec;
     if (ec == beast::error::timeout) {
+      switch (attempt.limit) {
+        case Limit::total:
+          throw TimeoutError("the reply from " + url.endpoint + " took longer than " +
+                             ms(options_.total_timeout) + " in total");
+        case Limit::low_speed:
+          throw TimeoutError("the reply from " + url.endpoint + " came slower than " +
+                             std::to_string(options_.low_speed_limit) + " bytes/s for " +
+                             ms(options_.low_speed_time));
+        case Limit::idle:
+          break;
+      }
       throw TimeoutError("no reply from " + url.endpoint + " within " + ms(options_.read_timeout));
     }
     if (ec == bhttp::error::body_limit) {
@@ -549,42 +725,75 @@ class BeastHttpClient final : public HttpClient,
     throw MalformedReplyError("malformed reply from " + url.endpoint + ": " + ec.message());
   }
 
+  // The next wait ends at the idle limit, the total limit or the end of a slow window, whichever
+  // comes first.
+  void arm(Connection* connection, Attempt* attempt, Clock::time_point total_end,
+           const SpeedCheck* speed) const {
+    Clock::time_point at = Clock::now() + options_.read_timeout;
+    attempt->limit = Limit::idle;
+    if (total_end <= at) {
+      at = total_end;
+      attempt->limit = Limit::total;
+    }
+    if (speed != nullptr && speed->fails_at() < at) {
+      at = speed->fails_at();
+      attempt->limit = Limit::low_speed;
+    }
+    connection->tcp().expires_at(at);
+  }
+
   Awaitable<Attempt> exchange(Connection* connection, const OutgoingMessage* message,
-                              BodyObserver* observer, bool head) {
+                              BodyObserver* observer, bool head, Clock::time_point total_end) {
     Attempt attempt;
-    connection->tcp().expires_after(options_.read_timeout);
+    arm(connection, &attempt, total_end, nullptr);
     attempt.ec = co_await connection->write(message);
     if (attempt.ec) co_return attempt;
 
-    ReplyParser parser;
-    parser.body_limit(std::uint64_t{options_.max_body_bytes});
-    if (head) parser.skip(true);
-    connection->tcp().expires_after(options_.read_timeout);
-    attempt.ec = co_await connection->read_header(&parser);
-    attempt.replied = parser.got_some() || connection->buffer.size() > 0;
-    if (attempt.ec) co_return attempt;
-
-    const unsigned status = parser.get().result_int();
-    const bool streamed = observer != nullptr && status >= 200 && status < 300;
-    while (!parser.is_done()) {
-      connection->tcp().expires_after(options_.read_timeout);
-      attempt.ec = co_await connection->read_some(&parser);
+    // Interim (1xx) replies come before the real one and are skipped.
+    std::optional<ReplyParser> parser;
+    unsigned status = 0;
+    do {
+      parser.emplace();
+      parser->body_limit(std::uint64_t{options_.max_body_bytes});
+      if (head) parser->skip(true);
+      arm(connection, &attempt, total_end, nullptr);
+      attempt.ec = co_await connection->read_header(&*parser);
+      attempt.replied = attempt.replied || parser->got_some() || connection->buffer.size() > 0;
       if (attempt.ec) co_return attempt;
-      std::string& body = parser.get().body();
+      status = parser->get().result_int();
+    } while (status >= 100 && status < 200 && status != 101);
+
+    const bool streamed = observer != nullptr && status >= 200 && status < 300;
+    SpeedCheck speed(options_, Clock::now());
+    std::size_t counted = 0;  // Of the collected body.
+    while (!parser->is_done()) {
+      arm(connection, &attempt, total_end, &speed);
+      attempt.ec = co_await connection->read_some(&*parser);
+      if (attempt.ec) co_return attempt;
+      std::string& body = parser->get().body();
+      if (!speed.count(body.size() - counted, Clock::now())) {
+        attempt.ec = beast::error::timeout;
+        attempt.limit = Limit::low_speed;
+        co_return attempt;
+      }
+      counted = body.size();
       if (streamed && !body.empty()) {
         const std::string_view piece = body;
         co_await observer->on_data(piece);
         // The body reader appends at the end, so this keeps a long stream from piling up.
         body.clear();
+        counted = 0;
       }
     }
     connection->tcp().expires_never();
 
+    const auto& reply = parser->get();
     attempt.response.status = status;
-    attempt.response.content_type = std::string(parser.get()[bhttp::field::content_type]);
-    if (!streamed) attempt.response.body = std::move(parser.get().body());
-    attempt.reusable =
-        parser.get().keep_alive() && !parser.need_eof() && connection->buffer.size() == 0;
+    attempt.response.content_type = std::string(reply[bhttp::field::content_type]);
+    attempt.response.location = std::string(reply[bhttp::field::location]);
+    attempt.retry_after = retry_after(reply[bhttp::field::retry_after]);
+    if (!streamed) attempt.response.body = std::move(parser->get().body());
+    attempt.reusable = reply.keep_alive() && !parser->need_eof() && connection->buffer.size() == 0;
     co_return attempt;
   }
 
@@ -596,7 +805,7 @@ class BeastHttpClient final : public HttpClient,
 }  // namespace
 
 std::shared_ptr<HttpClient> HttpClient::create(ClientOptions options) {
-  return std::make_shared<BeastHttpClient>(options);
+  return std::make_shared<BeastHttpClient>(std::move(options));
 }
 
 }  // namespace orvo_inference::http

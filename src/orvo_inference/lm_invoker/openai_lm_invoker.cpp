@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "orvo_core/constants.hpp"
+#include "orvo_inference/errors.hpp"
 #include "orvo_inference/openai/endpoint.hpp"
 #include "orvo_inference/openai/openai_api.hpp"
 
@@ -13,54 +14,73 @@ namespace {
 // Turns a streamed reply into RESPONSE events as its pieces arrive, and keeps the whole text.
 class StreamedReply : public http::BodyObserver {
  public:
-  explicit StreamedReply(std::shared_ptr<orvo_core::EventEmitter> emitter)
-      : emitter_(std::move(emitter)) {}
+  StreamedReply(std::shared_ptr<orvo_core::EventEmitter> emitter, std::string api_key)
+      : emitter_(std::move(emitter)), api_key_(std::move(api_key)) {}
 
   orvo_core::Awaitable<void> on_data(std::string_view piece) override {
-    if (raw_.size() < kRawLimit) raw_.append(piece.substr(0, kRawLimit - raw_.size()));
+    if (mode_ == Mode::unknown) {
+      // A server that ignored the stream request sends one JSON object, which is collected
+      // whole rather than scanned as event-stream lines.
+      const auto first = piece.find_first_not_of(" \t\r\n");
+      if (first == std::string_view::npos) co_return;
+      mode_ = piece[first] == '{' ? Mode::json : Mode::events;
+    }
+    if (mode_ == Mode::json) {
+      json_.append(piece);
+      co_return;
+    }
     std::vector<std::string> events;
-    parser_.feed(piece, events);
+    openai::without_key(api_key_, [&] { parser_.feed(piece, events); });
     co_await deliver(std::move(events));
   }
 
-  // Completes the stream; a server that ignored the stream request sent one plain JSON reply.
   orvo_core::Awaitable<std::string> finish() {
-    std::vector<std::string> events;
-    parser_.finish(events);
-    co_await deliver(std::move(events));
-    if (!seen_event_ && !raw_.empty()) {
-      text_ = openai::chat_reply_text(raw_);
+    if (mode_ == Mode::json) {
+      text_ = openai::without_key(api_key_, [this] { return openai::chat_reply_text(json_); });
       std::string whole = text_;
       co_await emitter_->emit(std::move(whole), orvo_core::EventLevel::INFO,
                               orvo_core::EventType::RESPONSE);
+      co_return std::move(text_);
+    }
+    std::vector<std::string> events;
+    openai::without_key(api_key_, [&] { parser_.finish(events); });
+    co_await deliver(std::move(events));
+    if (!done_ && !finished_) {
+      throw TruncatedReplyError(
+          "the reply stream ended before the server said it was complete (no [DONE] and no "
+          "finish_reason), after " +
+          std::to_string(text_.size()) + " bytes of text");
     }
     co_return std::move(text_);
   }
 
  private:
-  static constexpr std::size_t kRawLimit = std::size_t{1} << 20;
+  enum class Mode { unknown, json, events };
 
   orvo_core::Awaitable<void> deliver(std::vector<std::string> events) {
     for (const std::string& data : events) {
-      seen_event_ = true;
       if (done_ || data == "[DONE]") {
         done_ = true;
         continue;
       }
-      std::string delta = openai::chat_delta_text(data);
-      if (delta.empty()) continue;
-      text_ += delta;
-      co_await emitter_->emit(std::move(delta), orvo_core::EventLevel::INFO,
+      openai::ChatDelta delta =
+          openai::without_key(api_key_, [&data] { return openai::chat_delta(data); });
+      finished_ = finished_ || delta.finished;
+      if (delta.text.empty()) continue;
+      text_ += delta.text;
+      co_await emitter_->emit(std::move(delta.text), orvo_core::EventLevel::INFO,
                               orvo_core::EventType::RESPONSE);
     }
   }
 
   std::shared_ptr<orvo_core::EventEmitter> emitter_;
+  std::string api_key_;
   openai::EventStreamParser parser_;
+  Mode mode_ = Mode::unknown;
+  std::string json_;
   std::string text_;
-  std::string raw_;
-  bool seen_event_ = false;
   bool done_ = false;
+  bool finished_ = false;
 };
 
 }  // namespace
@@ -74,6 +94,11 @@ OpenAILMInvoker::OpenAILMInvoker(std::string model, std::string base_url, std::s
       api_key_(std::move(api_key)),
       client_(client ? std::move(client) : http::HttpClient::create()) {}
 
+OpenAILMInvoker::OpenAILMInvoker(std::string model, std::string base_url, std::string api_key,
+                                 orvo_core::Map parameters, const http::ClientOptions& options)
+    : OpenAILMInvoker(std::move(model), std::move(base_url), std::move(api_key),
+                      std::move(parameters), http::HttpClient::create(options)) {}
+
 orvo_core::Awaitable<std::string> OpenAILMInvoker::invoke(
     std::vector<ChatMessage> messages, std::shared_ptr<orvo_core::EventEmitter> event_emitter) {
   const bool stream = event_emitter != nullptr;
@@ -82,12 +107,15 @@ orvo_core::Awaitable<std::string> OpenAILMInvoker::invoke(
                            openai::chat_request_body(model, messages, stream, parameters));
   if (!stream) {
     const http::Response response = co_await client_->send(std::move(request));
-    openai::check_status(response);
-    co_return openai::chat_reply_text(response.body);
+    const auto read = [&response] {
+      openai::check_status(response);
+      return openai::chat_reply_text(response.body);
+    };
+    co_return openai::without_key(api_key_, read);
   }
-  auto reply = std::make_shared<StreamedReply>(std::move(event_emitter));
+  auto reply = std::make_shared<StreamedReply>(std::move(event_emitter), api_key_);
   const http::Response response = co_await client_->send(std::move(request), reply);
-  openai::check_status(response);
+  openai::without_key(api_key_, [&response] { openai::check_status(response); });
   co_return co_await reply->finish();
 }
 

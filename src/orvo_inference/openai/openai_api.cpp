@@ -1,6 +1,7 @@
 #include "orvo_inference/openai/openai_api.hpp"
 
 #include <algorithm>
+#include <cmath>
 
 #include <boost/json/parse.hpp>
 #include <boost/json/value.hpp>
@@ -66,17 +67,25 @@ std::string chat_reply_text(std::string_view body) {
   return content.as_string();
 }
 
-std::string chat_delta_text(std::string_view event_data) {
+ChatDelta chat_delta(std::string_view event_data) {
   const Any event = parse_object(event_data, "a streamed chat event");
+  ChatDelta result;
+  const Any finish = first_choice(event, "finish_reason");
+  result.finished = finish.is_string() && !finish.as_string().empty();
   const Any delta = first_choice(event, "delta");
   if (!delta.is_map()) {
     // Servers send usage-only events and error events mid-stream; an error is a failure.
     const Any error = orvo_core::get(event.as_map(), "error");
     if (error.truthy()) throw HttpStatusError(200, error_message(200, event_data));
-    return {};
+    return result;
   }
   const Any content = orvo_core::get(delta.as_map(), "content");
-  return content.is_string() ? content.as_string() : std::string();
+  if (content.is_string()) result.text = content.as_string();
+  return result;
+}
+
+std::string chat_delta_text(std::string_view event_data) {
+  return chat_delta(event_data).text;
 }
 
 std::string error_message(unsigned status, std::string_view body) {
@@ -97,8 +106,9 @@ std::string error_message(unsigned status, std::string_view body) {
     message = orvo_core::text::excerpt(body, 200);
   }
   if (message.empty()) message = orvo_core::text::excerpt(body, 200);
+  // The server's text goes to terminals and logs: it must not be able to drive them.
   return "the server answered HTTP " + std::to_string(status) +
-         (message.empty() ? std::string() : ": " + message);
+         (message.empty() ? std::string() : ": " + orvo_core::text::escape_controls(message));
 }
 
 std::string embeddings_request_body(std::string_view model,
@@ -151,6 +161,7 @@ std::size_t append_embeddings(std::string_view body, std::size_t count, std::vec
     for (std::size_t j = 0; j < dim; ++j) {
       if (!values[j].is_number()) malformed("an embedding holds a non-number", body);
       row[j] = static_cast<float>(values[j].to_number<double>());
+      if (!std::isfinite(row[j])) malformed("an embedding holds a value beyond float range", body);
     }
   }
   return dim;
@@ -158,16 +169,31 @@ std::size_t append_embeddings(std::string_view body, std::size_t count, std::vec
 
 void EventStreamParser::feed(std::string_view bytes, std::vector<std::string>& events) {
   pending_ += bytes;
+  // Each byte is searched once: a long line that arrives in pieces is not scanned again.
   std::size_t start = 0;
+  std::size_t from = scanned_;
   while (true) {
-    const std::size_t end = pending_.find_first_of("\r\n", start);
-    if (end == std::string::npos) break;
+    const std::size_t end = pending_.find_first_of("\r\n", from);
+    if (end == std::string::npos) {
+      from = pending_.size();
+      break;
+    }
     // A "\r" at the very end may be the first half of "\r\n": wait for the next byte.
-    if (pending_[end] == '\r' && end + 1 == pending_.size()) break;
+    if (pending_[end] == '\r' && end + 1 == pending_.size()) {
+      from = end;
+      break;
+    }
     line(std::string_view(pending_).substr(start, end - start), events);
     start = end + (pending_[end] == '\r' && pending_[end + 1] == '\n' ? 2 : 1);
+    from = start;
   }
+  // Only bytes of this piece follow a line end, so this moves each byte at most once.
   pending_.erase(0, start);
+  scanned_ = from - start;
+  if (pending_.size() > max_line_) {
+    throw MalformedReplyError("the event stream has a line longer than " +
+                              std::to_string(max_line_) + " bytes");
+  }
 }
 
 void EventStreamParser::finish(std::vector<std::string>& events) {
@@ -176,6 +202,7 @@ void EventStreamParser::finish(std::vector<std::string>& events) {
     if (pending_.back() == '\r') pending_.pop_back();
     line(pending_, events);
     pending_.clear();
+    scanned_ = 0;
   }
   line({}, events);
 }
@@ -198,6 +225,10 @@ void EventStreamParser::line(std::string_view text, std::vector<std::string>& ev
     *data_ += value;
   } else {
     data_ = std::string(value);
+  }
+  if (data_->size() > max_line_) {
+    throw MalformedReplyError("the event stream has an event longer than " +
+                              std::to_string(max_line_) + " bytes");
   }
 }
 

@@ -1,5 +1,8 @@
 #include "corpus.hpp"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 
@@ -88,6 +91,30 @@ TEST_F(corpus_files, missing_and_empty_corpora_are_errors) {
   EXPECT_THROW((void)orvo_cli::load_corpus(root_ / "nope"), std::runtime_error);
   EXPECT_THROW((void)orvo_cli::load_corpus(root_), std::runtime_error) << "no text files";
   EXPECT_THROW((void)orvo_cli::load_corpus(write("empty.jsonl", "\n")), std::runtime_error);
+}
+
+// Only regular files are read, none beyond the size limit, and a file that cannot be read is
+// named and skipped (or, with `strict`, an error); nothing blocks on a FIFO. A file given on its
+// own goes through the same checks (see orvo_tool for /dev/zero).
+TEST_F(corpus_files, files_that_cannot_be_read_are_named_and_skipped) {
+  write("good.md", "Tides rise twice a day.");
+  fs::resize_file(write("big.md", ""), std::uint64_t{500} << 20);  // Sparse: costs no disk.
+  ASSERT_EQ(mkfifo((root_ / "pipe.md").c_str(), 0600), 0);
+  fs::create_symlink("loop.md", root_ / "loop.md");
+  fs::create_directory_symlink(root_ / "sub", root_ / "sub/again.md");
+  std::vector<std::string> expected = {"big.md: larger than 16777216 bytes (--max-file-size)",
+                                       "loop.md: symbolic link loop", "pipe.md: not a regular file",
+                                       "sub/again.md: a linked folder, not followed"};
+  if (geteuid() != 0) {  // Permissions do not bind root.
+    fs::permissions(write("secret.md", "x"), fs::perms::none);
+    expected.insert(expected.end() - 1, "secret.md: cannot read it (Permission denied)");
+  }
+  for (auto& line : expected) line = "skipped " + root_.string() + "/" + line;
+  std::vector<std::string> skipped;
+  EXPECT_EQ(orvo_cli::load_corpus(root_, {}, {}, &skipped).size(), 1U);
+  std::sort(skipped.begin(), skipped.end());
+  EXPECT_EQ(skipped, expected);
+  EXPECT_THROW((void)orvo_cli::load_corpus(root_, {}, {.strict = true}), std::runtime_error);
 }
 
 }  // namespace

@@ -37,6 +37,8 @@ TEST(options, defaults_and_every_option) {
   EXPECT_EQ(all.chunk_size, 500U);
   EXPECT_EQ(all.timeout.count(), 1500);
   EXPECT_TRUE(all.json && all.verbose && !all.color);
+  const AskOptions net = parse({"--docs", "d", "q", "--connect-timeout", "0.0001"});
+  EXPECT_EQ(net.connect_timeout.count(), 1) << "rounded up, never to zero";
 }
 
 TEST(options, bad_command_lines_say_what_is_wrong) {
@@ -54,6 +56,7 @@ TEST(options, bad_command_lines_say_what_is_wrong) {
       {{"--docs", "d", "--synthesizer", "map", "q"},
        "--synthesizer is stuff or static-list, not 'map'"},
       {{"--docs", "d", "--frobnicate", "q"}, "unknown option --frobnicate"},
+      {{"--docs", "d", "--timeout", "abc", "q"}, "--timeout expects a number, got 'abc'"},
   };
   for (const auto& c : cases) {
     try {

@@ -86,6 +86,8 @@ TEST(orvo_tool, bad_input_ends_with_one_clear_message) {
            " --url http://127.0.0.1:" + std::to_string(orvo_test::unused_port()) + "/v1 'q'",
        1, "orvo: error: cannot connect to 127.0.0.1:"},
       {"ask 'q'", 2, "orvo: --docs PATH is required"},
+      {"ask --docs " + kDocs + " --timeout inf 'q'", 2, "orvo: --timeout expects seconds"},
+      {"ask --docs /dev/zero 'q'", 1, "orvo: error: /dev/zero: not a regular file or folder"},
       {"frobnicate", 2, "orvo: unknown command 'frobnicate'"},
   };
   for (const auto& c : cases) {

@@ -15,6 +15,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/cancellation_signal.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -110,7 +112,8 @@ Outcome run_one(const std::shared_ptr<HttpClient>& client, Request request,
 }
 
 // The read timeout (300 ms) bounds each wait, not the whole reply: "streamed" takes 360 ms, and
-// the time the slow observer works on each piece is not waiting.
+// the time the slow observer works on each piece is not waiting. Slow replies that keep above the
+// low-speed limit pass.
 TEST(http_client, returns_or_streams_replies_and_keeps_connections_the_reply_allows) {
   const std::vector<std::string> events = {"data: {\"n\":1}\n\n", "data: {\"n\":2}\n\n",
                                            "data: {\"n\":3}\n\n", "data: [DONE]\n\n"};
@@ -143,7 +146,10 @@ TEST(http_client, returns_or_streams_replies_and_keeps_connections_the_reply_all
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     LoopbackServer server([&](const RecordedRequest&) { return c.reply; });
-    const auto client = HttpClient::create({.connect_timeout = 2s, .read_timeout = 300ms});
+    const auto client = HttpClient::create({.connect_timeout = 2s,
+                                            .read_timeout = 300ms,
+                                            .low_speed_limit = 10,
+                                            .low_speed_time = 1s});
     const auto observer = c.observer ? std::make_shared<Observer>() : nullptr;
     if (observer) observer->pause = *c.observer;
     for (const auto& outcome :
@@ -250,20 +256,25 @@ TEST(http_client, retries_a_closed_kept_connection_once_and_never_reuses_a_faile
 }
 
 TEST(http_client, failures_raise_their_own_error_without_credentials) {
-  const ClientOptions settings{
+  // Static, to be the default of Case::options.
+  static const ClientOptions settings{
       .connect_timeout = 2s, .read_timeout = 200ms, .max_body_bytes = 1000};
   const Reply cut{.body = R"({"partial":)", .close_mid_body = true};
+  // A server that keeps sending a little keeps the idle timer from running out: the total and
+  // low-speed limits end such a call long before the server would stop.
+  const Reply trickle = Reply::stream(std::vector<std::string>(50, ": still here\n\n"), 100ms);
+  const ClientOptions slow{.low_speed_limit = 500, .low_speed_time = 600ms};
   struct Case {
     const char* name;
     std::optional<Reply> reply;  // None: the URL's port has no server.
     std::string kind;
     bool observed = false;
     std::string scheme = "http";
+    ClientOptions options = settings;
   };
   const std::vector<Case> cases = {
       {"refused", std::nullopt, "ConnectError"},
       {"TLS to a plain server", Reply::json("{}"), "ConnectError", false, "https"},
-      {"stall", Reply{.stall = true}, "TimeoutError"},
       {"stream pauses too long", Reply::stream({"data: 1\n\n", "data: 2\n\n"}, 1500ms),
        "TimeoutError", true},
       {"closed mid-body", cut, "ConnectionClosedError"},
@@ -278,6 +289,8 @@ TEST(http_client, failures_raise_their_own_error_without_credentials) {
       {"body over the limit", Reply::json(std::string(1001, 'x')), "MalformedReplyError"},
       {"stream over the limit", Reply::stream({std::string(600, 'x'), std::string(600, 'y')}, 0ms),
        "MalformedReplyError", true},
+      {"total limit", trickle, "TimeoutError", true, "http", {.total_timeout = 600ms}},
+      {"low-speed limit", trickle, "TimeoutError", true, "http", slow},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -286,7 +299,7 @@ TEST(http_client, failures_raise_their_own_error_without_credentials) {
     const std::string endpoint =
         "127.0.0.1:" + std::to_string(server ? server->port() : orvo_test::unused_port());
     const Outcome outcome =
-        run_one(HttpClient::create(settings),
+        run_one(HttpClient::create(c.options),
                 post(c.scheme + "://" + endpoint + "/v1/chat?key=" + std::string(secret)),
                 c.observed ? std::make_shared<Observer>() : nullptr);
     EXPECT_TRUE(outcome.error.starts_with(c.kind + ": ")) << outcome.error;
@@ -381,10 +394,101 @@ TEST(http_client, connect_failures_name_the_host) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
-    const Outcome outcome =
-        run_one(HttpClient::create({.connect_timeout = c.connect_timeout}), post(c.url));
+    const Outcome outcome = run_one(HttpClient::create({.connect_timeout = c.connect_timeout,
+                                                        .retry = {.initial_backoff = 50ms}}),
+                                    post(c.url));
     EXPECT_TRUE(outcome.error.starts_with(c.error)) << outcome.error;
     EXPECT_LT(outcome.elapsed, c.connect_timeout + 1s);
+    EXPECT_GE(outcome.elapsed, 75ms) << "nothing was sent: retried after 25+ and 50+ ms";
+  }
+}
+
+TEST(http_client, retries_busy_and_unreachable_servers_as_the_policy_says) {
+  const auto busy = [](unsigned status, std::string wait) {
+    return Reply{.status = status, .headers = {{"Retry-After", std::move(wait)}}};
+  };
+  const Reply interim{.raw =
+                          "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early\r\nLink: x\r\n\r\n"
+                          "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"};
+  const struct {
+    std::vector<Reply> replies;  // In turn; the last one repeats.
+    std::string outcome;         // Status and body, after this many requests.
+    std::chrono::milliseconds at_least;
+  } cases[] = {
+      {{busy(503, ""), busy(429, "0"), Reply::json("ok")}, "200 ok 3", 0ms},
+      {{busy(429, "1"), Reply::json("ok")}, "200 ok 2", 1s},  // Retry-After is honoured.
+      {{Reply::json("busy", 503)}, "503 busy 3", 0ms},        // Two retries, then given up.
+      {{busy(503, "3600")}, "503  1", 0ms},                   // Asks for a wait beyond the longest.
+      {{interim}, "200 ok 1", 0ms},                           // Interim (1xx) replies are skipped.
+  };
+  for (const auto& c : cases) {
+    std::size_t seen = 0;
+    LoopbackServer server(
+        [&](const RecordedRequest&) { return c.replies[std::min(c.replies.size(), ++seen) - 1]; });
+    const Outcome outcome =
+        run_one(HttpClient::create({.retry = {.initial_backoff = 50ms}}), post(server.url()));
+    ASSERT_TRUE(outcome.response) << outcome.error;
+    EXPECT_EQ(std::to_string(outcome.response->status) + " " + outcome.response->body + " " +
+                  std::to_string(server.requests().size()),
+              c.outcome);
+    EXPECT_GE(outcome.elapsed, c.at_least);
+  }
+}
+
+// Cancelled while waiting to retry or while waiting for a reply: the call ends at once, is not
+// tried again and closes its connection.
+TEST(http_client, a_cancelled_call_ends_at_once_and_is_not_retried) {
+  for (const Reply& reply :
+       {Reply{.status = 503, .headers = {{"Retry-After", "5"}}}, Reply{.stall = true}}) {
+    LoopbackServer server([&reply](const RecordedRequest&) { return reply; });
+    const auto client = HttpClient::create({.read_timeout = 5s, .retry = {.max_backoff = 10s}});
+    boost::asio::io_context io;
+    boost::asio::cancellation_signal cancel;
+    Outcome outcome;
+    auto done = [&outcome](const std::exception_ptr&, Outcome got) { outcome = std::move(got); };
+    boost::asio::co_spawn(io, attempt(client, post(server.url()), nullptr),
+                          boost::asio::bind_cancellation_slot(cancel.slot(), done));
+    boost::asio::steady_timer later(io, 300ms);
+    later.async_wait([&cancel](boost::system::error_code) {
+      cancel.emit(boost::asio::cancellation_type::terminal);
+    });
+    io.run();
+    EXPECT_TRUE(outcome.error.starts_with("system_error: Operation canceled")) << outcome.error;
+    EXPECT_LT(outcome.elapsed, 1300ms) << "within a second of the signal";
+    EXPECT_EQ(server.requests().size(), 1U);
+    for (int i = 0; i < 100 && server.closed_by_client() < (reply.stall ? 1U : 0U); ++i)
+      std::this_thread::sleep_for(10ms);
+    EXPECT_EQ(server.closed_by_client(), reply.stall ? 1U : 0U);
+  }
+}
+
+// Certificates from tests/support/make_certificates.cmake; the server speaks TLS 1.2 at most.
+TEST(http_client, verifies_tls_peers_and_says_why_one_is_refused) {
+  const std::string dir = ORVO_TEST_CERTIFICATES;
+  const ClientOptions by_file{.ca_file = dir + "/ca.pem"};
+  ClientOptions tls1_3 = by_file;
+  tls1_3.min_tls_version = orvo_inference::http::TlsVersion::tls1_3;
+  const struct {
+    std::string certificate;
+    std::string host;
+    ClientOptions options;
+    std::string error;
+  } cases[] = {
+      {"good", "127.0.0.1", by_file, "none"},
+      {"good", "localhost", {.ca_dir = dir + "/trusted"}, "none"},
+      {"stranger", "127.0.0.1", by_file, "failed: unable to get local issuer certificate"},
+      {"expired", "127.0.0.1", by_file, "failed: certificate has expired"},
+      {"other-host", "localhost", by_file, "failed: hostname mismatch"},
+      {"good", "127.0.0.1", tls1_3, "protocol version"},
+  };
+  for (const auto& c : cases) {
+    LoopbackServer server([](const RecordedRequest&) { return Reply::json("ok"); },
+                          dir + "/" + c.certificate + ".pem");
+    const Outcome outcome =
+        run_one(HttpClient::create(c.options),
+                post("https://" + c.host + ":" + std::to_string(server.port()) + "/"));
+    EXPECT_NE(outcome.error.find(c.error), std::string::npos) << c.certificate << outcome.error;
+    EXPECT_LT(outcome.elapsed, 500ms) << c.certificate;  // A refused handshake is not retried.
   }
 }
 

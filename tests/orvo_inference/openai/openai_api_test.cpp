@@ -1,5 +1,7 @@
 #include "orvo_inference/openai/openai_api.hpp"
 
+#include <chrono>
+
 #include <gtest/gtest.h>
 
 #include "orvo_core/json.hpp"
@@ -74,6 +76,7 @@ TEST(openai_api, embeddings_replies_that_do_not_fit_are_malformed) {
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": [2, 3]}]})",
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": ["x"]}]})",
            R"({"data": [{"index": 0, "embedding": []}, {"index": 1, "embedding": []}]})",
+           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": [-4e38]}]})",
            R"({"error": "x"})",
            "not json",
        }) {
@@ -100,6 +103,24 @@ TEST(openai_api, event_stream_parsing_does_not_depend_on_how_bytes_arrive) {
   EXPECT_TRUE(events.empty());
   unterminated.finish(events);
   EXPECT_EQ(events, std::vector<std::string>{"last"});
+}
+
+// Every byte is scanned once however the stream is cut: 4 MB in 1 KB pieces took 30 s when the
+// pending line was scanned again on every piece. Past the limit, the line is malformed.
+TEST(openai_api, event_stream_lines_cost_linear_time_and_have_a_limit) {
+  const std::string stream = "data: " + std::string(std::size_t{4} << 20, 'x') + "\n\n";
+  const auto parse = [&stream](std::size_t limit) {
+    openai::EventStreamParser parser(limit);
+    std::vector<std::string> events;
+    for (std::size_t i = 0; i < stream.size(); i += 1024)
+      parser.feed(stream.substr(i, 1024), events);
+    return events.size();
+  };
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(parse(std::size_t{8} << 20), 1U);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_THROW((void)parse(openai::EventStreamParser::kDefaultMaxLine),
+               orvo_inference::MalformedReplyError);
 }
 
 }  // namespace
