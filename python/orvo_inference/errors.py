@@ -7,6 +7,7 @@ from orvo_core._native import (
     MalformedReplyError,
     OutputParserError,
     TimeoutError,  # noqa: A004 - the library's own, derived from InferenceError
+    TruncatedReplyError,
 )
 
 __all__ = [
@@ -17,4 +18,5 @@ __all__ = [
     "MalformedReplyError",
     "OutputParserError",
     "TimeoutError",
+    "TruncatedReplyError",
 ]

@@ -43,6 +43,13 @@ class OpenAILMInvoker(BaseLMInvoker):
         base_url: str,
         api_key: str = "",
         parameters: Mapping[str, Any] | None = None,
+        *,
+        connect_timeout: float | None = None,
+        timeout: float | None = None,
+        total_timeout: float | None = None,
+        max_retries: int | None = None,
+        ca_file: str | None = None,
+        min_tls_version: str | None = None,
     ) -> None: ...
 
 @runtime_checkable

@@ -245,7 +245,11 @@ py::object exception_to_python(const std::exception_ptr& error) {
   } catch (const orvo_inference::ConnectionClosedError& e) {
     return inference_error("ConnectionClosedError", e.what());
   } catch (const orvo_inference::HttpStatusError& e) {
-    return inference_error("HttpStatusError", e.what());
+    py::object error = inference_error("HttpStatusError", e.what());
+    error.attr("status") = e.status;
+    return error;
+  } catch (const orvo_inference::TruncatedReplyError& e) {
+    return inference_error("TruncatedReplyError", e.what());
   } catch (const orvo_inference::MalformedReplyError& e) {
     return inference_error("MalformedReplyError", e.what());
   } catch (const orvo_inference::OutputParserError& e) {

@@ -83,9 +83,12 @@ void bind_errors(py::module_& m) {
   py::register_exception<orvo_inference::ConnectError>(m, "ConnectError", base);
   py::register_exception<orvo_inference::TimeoutError>(m, "TimeoutError", base);
   py::register_exception<orvo_inference::ConnectionClosedError>(m, "ConnectionClosedError", base);
-  py::register_exception<orvo_inference::HttpStatusError>(m, "HttpStatusError", base);
+  // Each raised one carries the reply's `status`.
+  py::register_exception<orvo_inference::HttpStatusError>(m, "HttpStatusError", base)
+      .attr("status") = py::none();
   py::register_exception<orvo_inference::MalformedReplyError>(m, "MalformedReplyError", base);
   py::register_exception<orvo_inference::OutputParserError>(m, "OutputParserError", base);
+  py::register_exception<orvo_inference::TruncatedReplyError>(m, "TruncatedReplyError", base);
 }
 
 }  // namespace

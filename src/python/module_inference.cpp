@@ -1,8 +1,12 @@
 // Bindings of the inference contracts and the library's own collaborators.
 
+#include <cmath>
+#include <cstdint>
+
 #include <pybind11/stl.h>
 
 #include "collaborators.hpp"
+#include "orvo_core/errors.hpp"
 #include "orvo_inference/em_invoker/lexical_em_invoker.hpp"
 #include "orvo_inference/em_invoker/openai_em_invoker.hpp"
 #include "orvo_inference/lm_invoker/openai_lm_invoker.hpp"
@@ -45,6 +49,43 @@ orvo_core::Awaitable<orvo_core::Embeddings> invoke_batch(
   co_return co_await invoker->invoke(views);
 }
 
+std::chrono::milliseconds seconds(const py::object& value, const char* name) {
+  if (PyFloat_Check(value.ptr()) == 0 && PyLong_Check(value.ptr()) == 0) {
+    throw orvo_core::TypeError(std::string(name) + " must be a number of seconds");
+  }
+  const double s = PyFloat_AsDouble(value.ptr());
+  if (s == -1.0 && PyErr_Occurred() != nullptr) throw py::error_already_set();
+  // Whole milliseconds, rounded up, so that a small positive limit never becomes zero.
+  if (!std::isfinite(s) || s <= 0 || s > 1e6) {
+    throw orvo_core::ValueError(std::string(name) +
+                                " must be a positive number of seconds, at most 1e6");
+  }
+  return std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(s * 1000)));
+}
+
+// The client settings a Python caller gives by keyword, in seconds; None keeps the default.
+inf::http::ClientOptions client_options(const py::object& connect_timeout,
+                                        const py::object& timeout, const py::object& total_timeout,
+                                        const py::object& max_retries, const py::object& ca_file,
+                                        const py::object& min_tls_version) {
+  inf::http::ClientOptions options;
+  if (!connect_timeout.is_none())
+    options.connect_timeout = seconds(connect_timeout, "connect_timeout");
+  if (!timeout.is_none()) options.read_timeout = seconds(timeout, "timeout");
+  if (!total_timeout.is_none()) options.total_timeout = seconds(total_timeout, "total_timeout");
+  if (!max_retries.is_none()) options.retry.max_retries = max_retries.cast<std::size_t>();
+  if (!ca_file.is_none()) options.ca_file = to_utf8(ca_file);
+  if (!min_tls_version.is_none()) {
+    const std::string version = to_utf8(min_tls_version);
+    if (version != "1.2" && version != "1.3") {
+      throw orvo_core::ValueError("min_tls_version must be '1.2' or '1.3'");
+    }
+    options.min_tls_version =
+        version == "1.3" ? inf::http::TlsVersion::tls1_3 : inf::http::TlsVersion::tls1_2;
+  }
+  return options;
+}
+
 }  // namespace
 
 void bind_inference(py::module_& m) {
@@ -84,14 +125,22 @@ void bind_inference(py::module_& m) {
   py::class_<IoLMInvoker, inf::BaseLMInvoker, std::shared_ptr<IoLMInvoker>>(
       m, "OpenAILMInvoker", "A chat model behind an OpenAI-compatible server.")
       .def(py::init([](std::string model, std::string base_url, std::string api_key,
-                       const py::object& parameters) {
+                       const py::object& parameters, const py::object& connect_timeout,
+                       const py::object& timeout, const py::object& total_timeout,
+                       const py::object& max_retries, const py::object& ca_file,
+                       const py::object& min_tls_version) {
              orvo_core::Map extra;
              if (!parameters.is_none()) extra = to_any_detached(parameters).as_map();
              return std::make_shared<IoLMInvoker>(std::make_shared<inf::OpenAILMInvoker>(
-                 std::move(model), std::move(base_url), std::move(api_key), std::move(extra)));
+                 std::move(model), std::move(base_url), std::move(api_key), std::move(extra),
+                 client_options(connect_timeout, timeout, total_timeout, max_retries, ca_file,
+                                min_tls_version)));
            }),
            py::arg("model"), py::arg("base_url"), py::arg("api_key") = "",
-           py::arg("parameters") = py::none());
+           py::arg("parameters") = py::none(), py::kw_only(),
+           py::arg("connect_timeout") = py::none(), py::arg("timeout") = py::none(),
+           py::arg("total_timeout") = py::none(), py::arg("max_retries") = py::none(),
+           py::arg("ca_file") = py::none(), py::arg("min_tls_version") = py::none());
 
   py::class_<inf::LMRequestProcessor, orvo_core::Object, std::shared_ptr<inf::LMRequestProcessor>>(
       m, "LMRequestProcessor",
@@ -170,12 +219,20 @@ void bind_inference(py::module_& m) {
   py::class_<IoEMInvoker, inf::BaseEMInvoker, std::shared_ptr<IoEMInvoker>>(
       m, "OpenAIEMInvoker", "An embedding model behind an OpenAI-compatible server.")
       .def(py::init([](std::string model, std::string base_url, std::string api_key,
-                       std::size_t batch_size) {
+                       std::size_t batch_size, const py::object& connect_timeout,
+                       const py::object& timeout, const py::object& total_timeout,
+                       const py::object& max_retries, const py::object& ca_file,
+                       const py::object& min_tls_version) {
              return std::make_shared<IoEMInvoker>(std::make_shared<inf::OpenAIEMInvoker>(
-                 std::move(model), std::move(base_url), std::move(api_key), batch_size));
+                 std::move(model), std::move(base_url), std::move(api_key), batch_size,
+                 client_options(connect_timeout, timeout, total_timeout, max_retries, ca_file,
+                                min_tls_version)));
            }),
            py::arg("model"), py::arg("base_url"), py::arg("api_key") = "",
-           py::arg("batch_size") = 64);
+           py::arg("batch_size") = 64, py::kw_only(), py::arg("connect_timeout") = py::none(),
+           py::arg("timeout") = py::none(), py::arg("total_timeout") = py::none(),
+           py::arg("max_retries") = py::none(), py::arg("ca_file") = py::none(),
+           py::arg("min_tls_version") = py::none());
 }
 
 }  // namespace orvo_python

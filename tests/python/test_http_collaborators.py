@@ -14,6 +14,7 @@ from orvo_inference.errors import (
     InferenceError,
     MalformedReplyError,
 )
+from orvo_inference.errors import TimeoutError as CallTimeoutError
 from orvo_inference.request_processor import LMRequestProcessor, OpenAILMInvoker, PromptTemplate
 from orvo_inference.schema import PromptRole
 from support import RecordingEmitter
@@ -90,7 +91,7 @@ class ThreadRecordingEmitter(RecordingEmitter):
 
 def stuff_synthesizer(url):
     prompt = PromptTemplate(system_template="Answer from: {context}", user_template="{query}")
-    invoker = OpenAILMInvoker(model="m", base_url=url, api_key="sk-test")
+    invoker = OpenAILMInvoker(model="m", base_url=url, api_key="sk-test", max_retries=0)
     return StuffResponseSynthesizer(LMRequestProcessor(prompt=prompt, lm_invoker=invoker))
 
 
@@ -150,9 +151,31 @@ class OpenAILMInvokerTest(unittest.IsolatedAsyncioTestCase):
                     await synthesizer._run(query="q", state_variables={"context": ""})
                 self.assertIsInstance(caught.exception, InferenceError)
                 self.assertNotIn("sk-test", str(caught.exception))
+                self.assertEqual(getattr(caught.exception, "status", 500), 500)
             answer = await synthesizer._run(query="q", state_variables={"context": ""})
         self.assertEqual(answer, "fine")
         self.assertFalse(server.requests[0][3]["stream"])
+
+    async def test_client_settings_are_checked_and_a_total_timeout_ends_a_trickle(self):
+        for bad in (dict(timeout=float("inf")), dict(total_timeout=-1), dict(timeout="abc"),
+                    dict(min_tls_version="1.0")):
+            with self.assertRaises((ValueError, TypeError)):
+                OpenAIEMInvoker(model="e", base_url="http://127.0.0.1:1", **bad)
+
+        async def trickle(reader, writer):
+            await reader.readuntil(b"\r\n\r\n")
+            writer.write(b"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n")
+            for _ in range(20):
+                writer.write(b" ")
+                await writer.drain()
+                await asyncio.sleep(0.1)
+
+        server = await asyncio.start_server(trickle, "127.0.0.1", 0)
+        url = "http://127.0.0.1:%d" % server.sockets[0].getsockname()[1]
+        invoker = OpenAIEMInvoker(model="e", base_url=url, total_timeout=0.5, max_retries=0)
+        with self.assertRaises(CallTimeoutError):
+            await invoker.invoke("x")
+        server.close()
 
     async def test_a_refused_connection_is_a_connect_error(self):
         server = await asyncio.start_server(lambda r, w: None, "127.0.0.1", 0)
