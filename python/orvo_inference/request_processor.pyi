@@ -49,6 +49,7 @@ class OpenAILMInvoker(BaseLMInvoker):
         total_timeout: float | None = None,
         max_retries: int | None = None,
         ca_file: str | None = None,
+        ca_dir: str | None = None,
         min_tls_version: str | None = None,
     ) -> None: ...
 

@@ -67,6 +67,7 @@ std::chrono::milliseconds seconds(const py::object& value, const char* name) {
 inf::http::ClientOptions client_options(const py::object& connect_timeout,
                                         const py::object& timeout, const py::object& total_timeout,
                                         const py::object& max_retries, const py::object& ca_file,
+                                        const py::object& ca_dir,
                                         const py::object& min_tls_version) {
   inf::http::ClientOptions options;
   if (!connect_timeout.is_none())
@@ -75,6 +76,7 @@ inf::http::ClientOptions client_options(const py::object& connect_timeout,
   if (!total_timeout.is_none()) options.total_timeout = seconds(total_timeout, "total_timeout");
   if (!max_retries.is_none()) options.retry.max_retries = max_retries.cast<std::size_t>();
   if (!ca_file.is_none()) options.ca_file = to_utf8(ca_file);
+  if (!ca_dir.is_none()) options.ca_dir = to_utf8(ca_dir);
   if (!min_tls_version.is_none()) {
     const std::string version = to_utf8(min_tls_version);
     if (version != "1.2" && version != "1.3") {
@@ -128,19 +130,20 @@ void bind_inference(py::module_& m) {
                        const py::object& parameters, const py::object& connect_timeout,
                        const py::object& timeout, const py::object& total_timeout,
                        const py::object& max_retries, const py::object& ca_file,
-                       const py::object& min_tls_version) {
+                       const py::object& ca_dir, const py::object& min_tls_version) {
              orvo_core::Map extra;
              if (!parameters.is_none()) extra = to_any_detached(parameters).as_map();
              return std::make_shared<IoLMInvoker>(std::make_shared<inf::OpenAILMInvoker>(
                  std::move(model), std::move(base_url), std::move(api_key), std::move(extra),
                  client_options(connect_timeout, timeout, total_timeout, max_retries, ca_file,
-                                min_tls_version)));
+                                ca_dir, min_tls_version)));
            }),
            py::arg("model"), py::arg("base_url"), py::arg("api_key") = "",
            py::arg("parameters") = py::none(), py::kw_only(),
            py::arg("connect_timeout") = py::none(), py::arg("timeout") = py::none(),
            py::arg("total_timeout") = py::none(), py::arg("max_retries") = py::none(),
-           py::arg("ca_file") = py::none(), py::arg("min_tls_version") = py::none());
+           py::arg("ca_file") = py::none(), py::arg("ca_dir") = py::none(),
+           py::arg("min_tls_version") = py::none());
 
   py::class_<inf::LMRequestProcessor, orvo_core::Object, std::shared_ptr<inf::LMRequestProcessor>>(
       m, "LMRequestProcessor",
@@ -222,17 +225,17 @@ void bind_inference(py::module_& m) {
                        std::size_t batch_size, const py::object& connect_timeout,
                        const py::object& timeout, const py::object& total_timeout,
                        const py::object& max_retries, const py::object& ca_file,
-                       const py::object& min_tls_version) {
+                       const py::object& ca_dir, const py::object& min_tls_version) {
              return std::make_shared<IoEMInvoker>(std::make_shared<inf::OpenAIEMInvoker>(
                  std::move(model), std::move(base_url), std::move(api_key), batch_size,
                  client_options(connect_timeout, timeout, total_timeout, max_retries, ca_file,
-                                min_tls_version)));
+                                ca_dir, min_tls_version)));
            }),
            py::arg("model"), py::arg("base_url"), py::arg("api_key") = "",
            py::arg("batch_size") = 64, py::kw_only(), py::arg("connect_timeout") = py::none(),
            py::arg("timeout") = py::none(), py::arg("total_timeout") = py::none(),
            py::arg("max_retries") = py::none(), py::arg("ca_file") = py::none(),
-           py::arg("min_tls_version") = py::none());
+           py::arg("ca_dir") = py::none(), py::arg("min_tls_version") = py::none());
 }
 
 }  // namespace orvo_python
