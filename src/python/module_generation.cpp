@@ -212,6 +212,34 @@ class PyFormatter : public PyComponent<Base>, public FormatterState, public Pyth
   }
 };
 
+// The similarity formatter built from Python: constructors check nothing, so a threshold that
+// is not a number is kept as given and fails where scores are compared with it.
+class PySimilarity : public PyFormatter<rf::SimilarityBasedReferenceFormatter> {
+ public:
+  using PyFormatter::PyFormatter;
+
+  orvo_core::Awaitable<Chunks> _get_relevant_chunks(std::string response, Chunks chunks) override {
+    if (!chunks.empty()) check_threshold();
+    co_return co_await PyFormatter::_get_relevant_chunks(std::move(response), std::move(chunks));
+  }
+
+  /// Raises `TypeError` when the threshold given is not a number.
+  void check_threshold() const {
+    if (!odd_threshold) return;
+    throw orvo_core::TypeError(
+        "'>=' not supported between instances of 'float' and '" +
+        std::string(py::str(py::type::handle_of(odd_threshold->get()).attr("__name__"))) + "'");
+  }
+
+  void set_threshold(const py::object& value) {
+    const bool number = (PyFloat_Check(value.ptr()) != 0 || PyLong_Check(value.ptr()) != 0);
+    odd_threshold = number ? nullptr : std::make_shared<GilObject>(value);
+    if (number) threshold = value.cast<double>();
+  }
+
+  std::shared_ptr<GilObject> odd_threshold;  ///< The threshold given, when it is no number.
+};
+
 // The LM-based formatter's context hooks are overridable too.
 class PyLMFormatter : public PyFormatter<rf::LMBasedReferenceFormatter> {
  public:
@@ -501,23 +529,37 @@ void bind_reference_formatters(py::module_& m) {
 
   using Similarity = rf::SimilarityBasedReferenceFormatter;
   home.set("orvo_generation.reference_formatter.similarity_based_reference_formatter");
-  py::class_<Similarity, Base, PyFormatter<Similarity>, std::shared_ptr<Similarity>>(
+  py::class_<Similarity, Base, PySimilarity, std::shared_ptr<Similarity>>(
       m, "SimilarityBasedReferenceFormatter",
       "Keeps the chunks whose content embedding is similar enough to the response's.")
-      .def(py::init([](const py::object& em_invoker, double threshold, const py::object& stringify,
-                       const py::object& references, const py::object& chunk, const py::object& map,
+      .def(py::init([](const py::object& em_invoker, const py::object& threshold,
+                       const py::object& stringify, const py::object& references,
+                       const py::object& chunk, const py::object& map,
                        const py::object& streamable) {
-             return configured(
-                 std::make_shared<PyFormatter<Similarity>>(
-                     invoker_from_py(em_invoker), threshold, flag(stringify),
-                     references_func(references), chunk_func(chunk), Any(), flag(streamable)),
-                 references, chunk, map);
+             auto self = std::make_shared<PySimilarity>(
+                 invoker_from_py(em_invoker), rf::DEFAULT_THRESHOLD, flag(stringify),
+                 references_func(references), chunk_func(chunk), Any(), flag(streamable));
+             self->set_threshold(threshold);
+             return configured(std::move(self), references, chunk, map);
            }),
            py::arg("em_invoker"), py::arg("threshold") = rf::DEFAULT_THRESHOLD,
            py::arg("stringify") = true, py::arg("format_references_func") = py::none(),
            py::arg("format_chunk_func") = py::none(),
            py::arg("format_chunk_metadata_map") = py::none(), py::arg("streamable") = true)
-      .def_readwrite("threshold", &Similarity::threshold)
+      .def_property(
+          "threshold",
+          [](const Similarity& self) -> py::object {
+            const auto* python = dynamic_cast<const PySimilarity*>(&self);
+            if (python != nullptr && python->odd_threshold) return python->odd_threshold->get();
+            return py::float_(self.threshold);
+          },
+          [](Similarity& self, const py::object& value) {
+            if (auto* python = dynamic_cast<PySimilarity*>(&self)) {
+              python->set_threshold(value);
+            } else {
+              self.threshold = value.cast<double>();
+            }
+          })
       .def_property(
           "em_invoker", [](const Similarity& self) { return collaborator_to_py(self.em_invoker); },
           [](Similarity& self, const py::object& value) {
@@ -526,10 +568,12 @@ void bind_reference_formatters(py::module_& m) {
       .def(
           "_get_relevant_chunks",
           [](std::shared_ptr<Similarity> self, std::string response, const py::object& chunks) {
+            // No chunks, no request: absent counts as none.
+            Chunks given = truthy(chunks) ? chunks_from_py(chunks) : Chunks();
+            const auto* python = dynamic_cast<const PySimilarity*>(self.get());
+            if (python != nullptr && !given.empty()) python->check_threshold();
             orvo_core::Awaitable<Chunks> work =
-                // No chunks, no request: absent counts as none.
-                self->Similarity::_get_relevant_chunks(
-                    std::move(response), truthy(chunks) ? chunks_from_py(chunks) : Chunks());
+                self->Similarity::_get_relevant_chunks(std::move(response), std::move(given));
             return Pending(chunks_result(std::move(work), keep_alive(self)));
           },
           py::arg("response"), py::arg("chunks"));

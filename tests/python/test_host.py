@@ -281,6 +281,11 @@ class HostRulesTest(unittest.IsolatedAsyncioTestCase):
             await listing._run(state_variables={"context_list": ["a"]})
         listing.preceding_line = "> "
         self.assertEqual(await listing._run(state_variables={"context_list": ["a"]}), "> 1. a")
+        formatter = SimilarityBasedReferenceFormatter(TableInvoker({"x": [1.0, 0.0]}), None)
+        self.assertIsNone(formatter.threshold)
+        self.assertEqual(await formatter._run(response="r", chunks=[]), "")
+        with self.assertRaisesRegex(TypeError, "NoneType"):
+            await formatter._run(response="r", chunks=[Chunk(content="x")])
         self.assertFalse(SimilarityBasedReferenceFormatter(None, stringify=None).stringify)
 
 
