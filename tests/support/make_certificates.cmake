@@ -19,13 +19,13 @@ run(req ${new_key} -keyout server.key -out server.csr -subj /CN=localhost)
 file(WRITE ${DIR}/local.ext "subjectAltName=DNS:localhost,IP:127.0.0.1\n")
 file(WRITE ${DIR}/other.ext "subjectAltName=DNS:other.example\n")
 # Name, issuer, names it is for, days valid.
-foreach(spec good,ca,local,3650 expired,ca,local,-1 other-host,ca,other,3650
+foreach(row good,ca,local,3650 expired,ca,local,-1 other-host,ca,other,3650
              stranger,stranger-ca,local,3650)
-  string(REPLACE "," ";" spec ${spec})
-  list(GET spec 0 name)
-  list(GET spec 1 issuer)
-  list(GET spec 2 names)
-  list(GET spec 3 days)
+  string(REPLACE "," ";" row ${row})
+  list(GET row 0 name)
+  list(GET row 1 issuer)
+  list(GET row 2 names)
+  list(GET row 3 days)
   run(x509 -req -in server.csr -CA ${issuer}.pem -CAkey ${issuer}.key -CAcreateserial
       -days ${days} -extfile ${names}.ext -out ${name}.pem)
   file(READ ${DIR}/${name}.pem certificate)
