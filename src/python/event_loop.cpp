@@ -76,22 +76,56 @@ py::object callback(Call call) {
   return py::reinterpret_steal<py::object>(function);
 }
 
+// The Python side of awaiting a collaborator: the coroutine its task runs, whose last step
+// hands the outcome to C++, and the cancellation of that task. A task cancelled before its
+// first step never enters the coroutine's `try`, so then its end delivers the cancellation (a
+// second delivery is ignored) and closes the collaborator's coroutine, which never ran.
+const py::dict& collaborator_helpers() {
+  static const py::dict& scope = *new py::dict([] {
+    py::dict helpers;
+    py::exec(R"(
+import asyncio
+
+async def _orvo_collaborator(awaitable, deliver):
+    try:
+        result = await awaitable
+    except BaseException as error:
+        deliver(None, error)
+    else:
+        deliver(result, None)
+
+def _orvo_cancel(task, awaitable, deliver):
+    def settle(_):
+        deliver(None, asyncio.CancelledError())
+        close = getattr(awaitable, "close", None)
+        if close is not None:
+            close()
+    if task.cancel():
+        task.add_done_callback(settle)
+)",
+             helpers);
+    return helpers;
+  }());
+  return scope;
+}
+
 // Cancels the task of an awaited collaborator when the C++ operation that awaits it is
-// cancelled.
+// cancelled: (task, awaitable, deliver).
 class CancelTask {
  public:
-  explicit CancelTask(std::shared_ptr<GilObject> task) : task_(std::move(task)) {}
+  explicit CancelTask(std::shared_ptr<GilObject> call) : call_(std::move(call)) {}
   void operator()(asio::cancellation_type_t /*type*/) const {
     const py::gil_scoped_acquire gil;
     try {
-      task_->get().attr("cancel")();
+      static const py::object& cancel = *new py::object(collaborator_helpers()["_orvo_cancel"]);
+      cancel(*call_->get());
     } catch (py::error_already_set& e) {
       e.discard_as_unraisable("cancelling an awaited orvo collaborator");
     }
   }
 
  private:
-  std::shared_ptr<GilObject> task_;
+  std::shared_ptr<GilObject> call_;
 };
 
 // The C++ coroutine that waits for a collaborator: resumed on the loop context with the
@@ -124,24 +158,14 @@ class TaskWait {
 
   template <class Handler>
   void operator()(Handler&& handler) {
-    static const py::object& run = *new py::object([] {
-      py::dict scope;
-      py::exec(R"(
-async def _orvo_collaborator(awaitable, deliver):
-    try:
-        result = await awaitable
-    except BaseException as error:
-        deliver(None, error)
-    else:
-        deliver(result, None)
-)",
-               scope);
-      return py::object(scope["_orvo_collaborator"]);
-    }());
+    static const py::object& run = *new py::object(collaborator_helpers()["_orvo_collaborator"]);
     asio::cancellation_slot slot = asio::get_associated_cancellation_slot(handler);
     py::object deliver = callback(Waiter{PyHandler(std::forward<Handler>(handler))});
     py::object task = get_running_loop().attr("create_task")(run(awaitable_, deliver));
-    if (slot.is_connected()) slot.assign(CancelTask(std::make_shared<GilObject>(task)));
+    if (slot.is_connected()) {
+      slot.assign(
+          CancelTask(std::make_shared<GilObject>(py::make_tuple(task, awaitable_, deliver))));
+    }
   }
 
  private:

@@ -10,6 +10,7 @@ import subprocess
 import sys
 import textwrap
 import unittest
+import weakref
 
 from orvo_core.event import EventEmitter
 from orvo_core.schema import Chunk
@@ -167,6 +168,26 @@ class CancellationTest(unittest.IsolatedAsyncioTestCase):
             await asyncio.sleep(0)
         self.assertEqual(len(cancelled), 500)
         self.assertEqual(asyncio.all_tasks(), {asyncio.current_task()})
+
+    async def test_a_call_cancelled_before_its_collaborator_starts_lets_go_of_everything(self):
+        class Marker:
+            pass
+
+        class Cancelling(EventEmitter):
+            async def emit(self, value, level, type):  # noqa: A002
+                outer.cancel()
+
+        processor, marker = RecordingProcessor(), Marker()
+        held = weakref.ref(marker)
+        outer = asyncio.create_task(StuffResponseSynthesizer(processor).run(
+            query="q", event_emitter=Cancelling(), marker=marker))
+        del marker
+        with self.assertRaises(asyncio.CancelledError):
+            await outer
+        for _ in range(3):
+            await asyncio.sleep(0)
+        gc.collect()
+        self.assertEqual((processor.calls, held()), ([], None))
 
     async def test_a_cancelled_network_call_closes_its_connection(self):
         accepted, closed = asyncio.Event(), asyncio.Event()
