@@ -3,7 +3,6 @@ import asyncio
 import json
 import unittest
 
-from orvo_core.constants import EventLevel, EventType
 from orvo_core.schema import Chunk
 from orvo_generation.reference_formatter import (
     LMBasedReferenceFormatter,
@@ -31,17 +30,6 @@ def chunk(name, url=None, content=None):
 
 
 class SimilarityTest(unittest.IsolatedAsyncioTestCase):
-    async def test_keeps_scores_at_threshold_in_descending_order_and_streams_once(self):
-        a, b, c, d = chunk("A", "a"), chunk("B", "b"), chunk("C", "c"), chunk("D", "d")
-        table = {"A": [0.9, 0.43588989], "B": [0.7, 0.71414284], "C": [0.9, 0.43588989],
-                 "D": [0.4, 0.91651514]}
-        emitter = RecordingEmitter()
-        formatter = SimilarityBasedReferenceFormatter(TableInvoker(table))
-        text = await formatter._run(response="r", chunks=[a, b, c, d], event_emitter=emitter)
-        self.assertEqual(text, "References:\n1. [A](a)\n2. [C](c)\n3. [B](b)")
-        self.assertEqual(emitter.events, [(json.dumps({"data_type": "reference", "data_value": text}),
-                                           EventLevel.INFO, EventType.DATA)])
-
     async def test_list_result_holds_the_callers_own_chunks(self):
         class MyChunk(Chunk):
             pass

@@ -40,19 +40,6 @@ class StuffTest(unittest.IsolatedAsyncioTestCase):
         self.assertIs(kwargs["user_multimodal_contents"], contents)
         self.assertIsNone(kwargs["system_multimodal_contents"])
 
-    async def test_fresh_maps_and_the_variables_fallback(self):
-        processor = RecordingProcessor()
-        synthesizer = StuffResponseSynthesizer(processor, streamable=False)
-        empty = {}
-        await synthesizer._run(query="q", state_variables=empty, event_emitter=DuckEmitter())
-        await synthesizer._run()
-        await synthesizer._run(variables={"a": 1})
-        await synthesizer._run(state_variables=None, variables={"a": 1})
-        self.assertEqual(empty, {})
-        self.assertEqual([call[1] for call in processor.calls], [{"query": "q"}, {}, {"a": 1}, {}])
-        self.assertIsNot(processor.calls[1][0], processor.calls[3][0])
-        self.assertIsNone(processor.calls[0][3]["event_emitter"])
-
     async def test_the_query_stays_when_the_processor_fails_and_the_error_is_the_same_object(self):
         failure = RuntimeError("model down")
         synthesizer = StuffResponseSynthesizer(RecordingProcessor(error=failure))
@@ -94,10 +81,8 @@ class StaticListTest(unittest.IsolatedAsyncioTestCase):
     async def test_numbered_list_fallback_and_one_event(self):
         synthesizer = StaticListResponseSynthesizer()
         emitter = RecordingEmitter()
-        items = [str(i) for i in range(1, 11)]
-        text = await synthesizer._run(state_variables={"context_list": items}, event_emitter=emitter)
-        self.assertTrue(text.startswith(DEFAULT_RESPONSE_PREFIX + "1. 1\n2. 2"))
-        self.assertTrue(text.endswith("\n10. 10"))
+        text = await synthesizer._run(state_variables={"context_list": ["a"]}, event_emitter=emitter)
+        self.assertEqual(text, DEFAULT_RESPONSE_PREFIX + "1. a")
         self.assertEqual(await synthesizer._run(state_variables={"context_list": []}),
                          DEFAULT_FALLBACK_RESPONSE)
         self.assertEqual(emitter.events, [(text, EventLevel.INFO, EventType.RESPONSE)])
