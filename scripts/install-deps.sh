@@ -7,7 +7,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build python3 clang-14 libclang-rt-14-dev
-  libboost1.81-dev libboost-json1.81-dev libtsl-ordered-map-dev libhwy-dev libssl-dev openssl
+  libboost1.81-dev libboost-json1.81-dev libtsl-ordered-map-dev libhwy-dev libssl-dev openssl libsqlite3-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3-dev pybind11-dev python3-venv python3-numpy libopenblas0-pthread
 )

@@ -7,9 +7,17 @@
 
 namespace orvo_cli {
 
-/// Runs one pipeline turn: loads and indexes the corpus, retrieves the top chunks for the
-/// question, synthesizes the answer and formats its references, streaming everything to `out`
-/// (human-readable, or JSON Lines with `--json`) and progress to `err`. Errors propagate.
-orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostream* err);
+/// The exit status of an `ask` whose documents hold no answer.
+inline constexpr int kExitNoAnswer = 3;
+
+/// The answer given when the documents hold none.
+inline constexpr const char* kNoAnswer = "I couldn't find an answer in the documents.";
+
+/// Runs `options.command`. `ask` runs one pipeline turn: brings the corpus's index up to date,
+/// retrieves the best chunks for the question, synthesizes the answer and formats its
+/// references, streaming everything to `out` (human-readable, or JSON Lines with `--json`) and
+/// progress to `err`; `index` only brings the index up to date and says what it did. Returns the
+/// exit status (0, or `kExitNoAnswer`); errors propagate.
+orvo_core::Awaitable<int> run_command(AskOptions options, std::ostream* out, std::ostream* err);
 
 }  // namespace orvo_cli

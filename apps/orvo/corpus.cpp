@@ -76,11 +76,7 @@ std::string lower_extension(const fs::path& path) {
   return ext;
 }
 
-// A file that cannot be read; the message names it and says why.
-class Unreadable : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+using Unreadable = UnreadableFile;
 
 std::string why(int error) {
   return std::generic_category().message(error);
@@ -234,6 +230,28 @@ std::vector<std::string> split_text(std::string_view text, const ChunkOptions& o
     }
   }
   if (!current.empty()) chunks.push_back(std::move(current));
+  return chunks;
+}
+
+CorpusFiles list_corpus_files(const fs::path& folder) {
+  Walk found;
+  walk(folder, found);
+  std::sort(found.files.begin(), found.files.end());
+  return {std::move(found.files), std::move(found.problems)};
+}
+
+std::string read_corpus_file(const fs::path& path, std::uint64_t max_bytes) {
+  return read_file(path, max_bytes);
+}
+
+std::vector<std::shared_ptr<orvo_core::Chunk>> chunk_file(const fs::path& name, std::string text,
+                                                          const ChunkOptions& options) {
+  std::vector<std::shared_ptr<orvo_core::Chunk>> chunks;
+  if (lower_extension(name) == ".jsonl") {
+    load_json_lines(name, std::move(text), options, chunks);
+  } else {
+    load_text_file(name, std::move(text), options, chunks);
+  }
   return chunks;
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,5 +41,31 @@ struct LoadOptions {
 [[nodiscard]] std::vector<std::shared_ptr<orvo_core::Chunk>> load_corpus(
     const std::filesystem::path& path, const ChunkOptions& options = {},
     const LoadOptions& load = {}, std::vector<std::string>* skipped = nullptr);
+
+/// The files of a corpus and the problems met while listing them.
+struct CorpusFiles {
+  std::vector<std::filesystem::path> files;  ///< In name order.
+  std::vector<std::string> problems;         ///< "<path>: why", one per file left out.
+};
+
+/// Lists the text files (.md, .txt) under a folder, in name order, without following linked
+/// folders; what cannot be read is named in `problems`.
+[[nodiscard]] CorpusFiles list_corpus_files(const std::filesystem::path& folder);
+
+/// A file that cannot be read (not a regular file, too large, unreadable, a link loop).
+class UnreadableFile : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Reads a regular file of at most `max_bytes` without blocking on FIFOs or devices; throws
+/// `UnreadableFile` naming it and why otherwise.
+[[nodiscard]] std::string read_corpus_file(const std::filesystem::path& path,
+                                           std::uint64_t max_bytes);
+
+/// The chunks of one file's `text`: JSON Lines for a .jsonl `name`, Markdown or plain text
+/// otherwise. `name` gives the metadata "file_name" and "file_url" and the chunk ids.
+[[nodiscard]] std::vector<std::shared_ptr<orvo_core::Chunk>> chunk_file(
+    const std::filesystem::path& name, std::string text, const ChunkOptions& options);
 
 }  // namespace orvo_cli

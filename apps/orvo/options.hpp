@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -18,16 +19,20 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The settings of `orvo ask`.
+/// The settings of `orvo ask` and `orvo index`.
 struct AskOptions {
+  enum class Command { ask, index };
   enum class Synthesizer { stuff, static_list };
   enum class References { similarity, lm };
 
+  Command command = Command::ask;
   std::filesystem::path docs;
+  std::filesystem::path db;  ///< The index file; empty: `CorpusIndex::default_path`.
   std::string question;
-  std::string url;  ///< API root of an OpenAI-compatible server; empty: offline.
-  std::string chat_model = "default";
-  std::string embedding_model = "default";
+  std::string url;                     ///< API root of an OpenAI-compatible server; empty: offline.
+  std::string embedding_url;           ///< API root for embeddings; empty: `url`.
+  std::string chat_model = "default";  ///< "offline": the extractive answer.
+  std::string embedding_model = "default";  ///< "offline": BM25 retrieval only.
   std::string api_key_env = "ORVO_API_KEY";
   Synthesizer synthesizer = Synthesizer::stuff;
   References references = References::similarity;
@@ -47,8 +52,20 @@ struct AskOptions {
   bool color = true;
 };
 
-/// Parses the arguments that follow `ask`.
-[[nodiscard]] AskOptions parse_ask_options(std::span<const std::string_view> args);
+/// Looks up an environment variable; null when unset.
+using Environment = std::function<const char*(const char*)>;
+
+/// Parses the arguments that follow the command. ORVO_BASE_URL, ORVO_CHAT_MODEL and
+/// ORVO_EMBEDDING_MODEL from `env` give defaults that options override; a non-empty NO_COLOR
+/// turns colour off.
+[[nodiscard]] AskOptions parse_ask_options(std::span<const std::string_view> args,
+                                           AskOptions::Command command = AskOptions::Command::ask,
+                                           const Environment& env = {});
+
+/// Whether the answer comes from a chat model on a server.
+[[nodiscard]] bool remote_chat(const AskOptions& options);
+/// The API root that embeds texts, or empty when embeddings are made offline.
+[[nodiscard]] std::string embedding_endpoint(const AskOptions& options);
 
 /// The help text.
 [[nodiscard]] std::string usage();

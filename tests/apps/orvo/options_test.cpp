@@ -39,6 +39,37 @@ TEST(options, defaults_and_every_option) {
   EXPECT_TRUE(all.json && all.verbose && !all.color);
   const AskOptions net = parse({"--docs", "d", "q", "--connect-timeout", "0.0001"});
   EXPECT_EQ(net.connect_timeout.count(), 1) << "rounded up, never to zero";
+
+  // --name=value, a question after --, and defaults from the environment that options beat.
+  const auto env = [](const char* name) -> const char* {
+    const std::string_view n = name;
+    if (n == "ORVO_BASE_URL") return "http://env/v1";
+    if (n == "ORVO_CHAT_MODEL") return "env-chat";
+    if (n == "ORVO_EMBEDDING_MODEL") return "env-embed";
+    return n == "NO_COLOR" ? "1" : nullptr;
+  };
+  const std::vector<std::string_view> args{"--top-k=3", "--docs=d", "--chat-model",
+                                           "flag-chat", "--",       "--what is -x?"};
+  const AskOptions mixed = orvo_cli::parse_ask_options(args, AskOptions::Command::ask, env);
+  EXPECT_EQ(mixed.top_k, 3U);
+  EXPECT_EQ(mixed.question, "--what is -x?");
+  EXPECT_EQ(mixed.url, "http://env/v1");
+  EXPECT_EQ(mixed.chat_model, "flag-chat");
+  EXPECT_EQ(mixed.embedding_model, "env-embed");
+  EXPECT_FALSE(mixed.color);
+  EXPECT_TRUE(orvo_cli::remote_chat(mixed));
+  EXPECT_EQ(orvo_cli::embedding_endpoint(mixed), "http://env/v1");
+
+  // Either side may stay offline while the other uses a server.
+  const std::vector<std::string_view> split{"--docs", "d", "--embedding-url", "http://e/v1"};
+  const AskOptions embeddings_only =
+      orvo_cli::parse_ask_options(split, AskOptions::Command::index, {});
+  EXPECT_FALSE(orvo_cli::remote_chat(embeddings_only));
+  EXPECT_EQ(orvo_cli::embedding_endpoint(embeddings_only), "http://e/v1");
+  const AskOptions chat_only =
+      parse({"--docs", "d", "--url", "http://h/v1", "--embedding-model", "offline", "q"});
+  EXPECT_TRUE(orvo_cli::remote_chat(chat_only));
+  EXPECT_EQ(orvo_cli::embedding_endpoint(chat_only), "");
 }
 
 TEST(options, bad_command_lines_say_what_is_wrong) {
@@ -57,6 +88,8 @@ TEST(options, bad_command_lines_say_what_is_wrong) {
        "--synthesizer is stuff or static-list, not 'map'"},
       {{"--docs", "d", "--frobnicate", "q"}, "unknown option --frobnicate"},
       {{"--docs", "d", "--timeout", "abc", "q"}, "--timeout expects a number, got 'abc'"},
+      {{"--docs", "d", "--json=yes", "q"}, "--json takes no value"},
+      {{"--docs=d", "--top-k=", "q"}, "--top-k expects a number, got ''"},
   };
   for (const auto& c : cases) {
     try {

@@ -23,12 +23,20 @@ struct ToolRun {
   std::string err;
 };
 
+// Each test process keeps its indexes to itself, and removes them when it ends.
+fs::path cache_dir() {
+  return fs::temp_directory_path() / ("orvo_tool_cache_" + std::to_string(getpid()));
+}
+const struct CacheCleanup {
+  ~CacheCleanup() { fs::remove_all(cache_dir()); }
+} cleanup;
+
 // Runs the tool with `args` (already quoted for the shell) and collects both outputs.
 ToolRun run_tool(const std::string& args, const std::string& env = "") {
   const fs::path err_file =
       fs::temp_directory_path() / ("orvo_tool_err_" + std::to_string(getpid()));
-  const std::string command =
-      env + " " + std::string(ORVO_BINARY) + " " + args + " 2>" + err_file.string();
+  const std::string command = "XDG_CACHE_HOME=" + cache_dir().string() + " " + env + " " +
+                              std::string(ORVO_BINARY) + " " + args + " 2>" + err_file.string();
   ToolRun run;
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return run;
@@ -56,20 +64,49 @@ TEST(orvo_tool, answers_offline_with_references) {
   EXPECT_EQ(run.out.find('\x1b'), std::string::npos) << "no colour off a terminal";
 }
 
-TEST(orvo_tool, json_output_is_one_object_per_line) {
-  const ToolRun run =
-      run_tool("ask --json --docs " + kDocs + " 'Why are there two high tides a day?'");
-  ASSERT_EQ(run.status, 0) << run.err;
-  std::istringstream lines(run.out);
+std::vector<orvo_core::Map> json_lines(const std::string& out) {
+  std::istringstream lines(out);
   std::string line;
-  std::vector<orvo_core::Any> objects;
-  while (std::getline(lines, line)) objects.push_back(orvo_core::parse_json(line));
-  ASSERT_GE(objects.size(), 4U);
-  const orvo_core::Map& result = objects.back().as_map();
-  EXPECT_EQ(orvo_core::get(result, "type"), orvo_core::Any("RESULT"));
-  EXPECT_TRUE(orvo_core::get(result, "answer").truthy());
-  EXPECT_NE(orvo_core::get(result, "references").str().find("References:"), std::string::npos);
-  EXPECT_EQ(orvo_core::get(objects.front().as_map(), "type"), orvo_core::Any("STATUS"));
+  std::vector<orvo_core::Map> objects;
+  while (std::getline(lines, line)) objects.push_back(orvo_core::parse_json(line).as_map());
+  return objects;
+}
+
+TEST(orvo_tool, json_output_ends_with_a_result_or_an_error) {
+  const struct {
+    std::string args;
+    int status;
+    const char* last_type;
+    bool answered;
+  } cases[] = {
+      {"ask --json --docs " + kDocs + " 'Why are there two high tides a day?'", 0, "RESULT", true},
+      {"ask --json --docs " + kDocs + " 'Who won the 1998 football world cup?'", 3, "RESULT",
+       false},
+      {"ask --json --docs /no/such/folder 'q'", 1, "ERROR", false},
+  };
+  for (const auto& c : cases) {
+    const ToolRun run = run_tool(c.args);
+    EXPECT_EQ(run.status, c.status) << c.args << run.err;
+    const auto objects = json_lines(run.out);
+    ASSERT_FALSE(objects.empty()) << c.args;
+    const orvo_core::Map& last = objects.back();
+    EXPECT_EQ(orvo_core::get(last, "type"), orvo_core::Any(c.last_type)) << c.args;
+    if (std::string_view(c.last_type) == "ERROR") continue;
+    EXPECT_EQ(orvo_core::get(last, "answered"), orvo_core::Any(c.answered)) << c.args;
+    const auto& references = orvo_core::get(last, "references").as_list();
+    EXPECT_EQ(references.empty(), !c.answered) << c.args;
+    for (const auto& reference : references) {
+      for (const char* key : {"title", "url", "chunk_id", "section", "score"}) {
+        EXPECT_TRUE(reference.as_map().contains(key)) << key;
+      }
+    }
+    // The retrieval is one data event, before the answer.
+    EXPECT_NE(orvo_core::get(objects.front(), "value").str().find(R"("data_type": "retrieval")"),
+              std::string::npos);
+  }
+  const ToolRun index = run_tool("index --docs " + kDocs);
+  EXPECT_EQ(index.status, 0) << index.err;
+  EXPECT_NE(index.out.find("Indexed 32 files"), std::string::npos) << index.out;
 }
 
 TEST(orvo_tool, bad_input_ends_with_one_clear_message) {
@@ -118,17 +155,29 @@ TEST(orvo_tool, answers_online_through_an_openai_compatible_server) {
          "data: [DONE]\n\n"},
         std::chrono::milliseconds(10));
   });
-  const ToolRun run = run_tool("ask --docs " + kDocs + " --top-k 2 --url " + server.url() +
-                                   "/v1 --api-key-env ORVO_TEST_KEY 'Why tides?'",
-                               "ORVO_TEST_KEY=sk-123");
-  ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.out.substr(0, run.out.find('\n')), "Because of the moon.");
-  // The top two chunks come from the first file; its one reference is listed once.
-  EXPECT_NE(run.out.find("References:\n1. [amphidromic-points.md]("), std::string::npos) << run.out;
-  EXPECT_EQ(run.out.find("\n2. ["), std::string::npos) << run.out;
-  const auto requests = server.requests();
-  ASSERT_FALSE(requests.empty());
-  EXPECT_EQ(requests.back().header("Authorization"), "Bearer sk-123");
+  const auto embedded_texts = [&server] {
+    std::size_t texts = 0;
+    for (const auto& request : server.requests()) {
+      if (request.target != "/v1/embeddings") continue;
+      const orvo_core::Any input =
+          orvo_core::get(orvo_core::parse_json(request.body).as_map(), "input");
+      texts += input.is_list() ? input.as_list().size() : 1;
+    }
+    return texts;
+  };
+  const std::string args = "ask --docs " + kDocs + " --top-k 2 --url " + server.url() +
+                           "/v1 --api-key-env ORVO_TEST_KEY 'Why tides?'";
+  const ToolRun first = run_tool(args, "ORVO_TEST_KEY=sk-123");
+  ASSERT_EQ(first.status, 0) << first.err;
+  EXPECT_EQ(first.out.substr(0, first.out.find('\n')), "Because of the moon.");
+  EXPECT_NE(first.out.find("References:\n1. ["), std::string::npos) << first.out;
+  EXPECT_GT(embedded_texts(), 90U) << "every chunk embedded once";
+  EXPECT_EQ(server.requests().back().header("Authorization"), "Bearer sk-123");
+
+  // A second run embeds only the question, the answer and the two chunks it cites from.
+  const std::size_t before = embedded_texts();
+  ASSERT_EQ(run_tool(args, "ORVO_TEST_KEY=sk-123").status, 0);
+  EXPECT_EQ(embedded_texts() - before, 4U);
 }
 
 }  // namespace
