@@ -26,6 +26,12 @@ constexpr std::string_view kSchemaVersion = "2";
 constexpr std::size_t kRrfK = 60;          // the usual damping of reciprocal rank fusion
 constexpr std::size_t kFusionDepth = 100;  // how deep each ranking is read for fusion
 constexpr std::size_t kScoreBatch = 1024;  // vectors scored per cosine call
+constexpr std::string_view kTokenizer = "porter unicode61 remove_diacritics 2";
+// A word in more than this share of the chunks hardly moves BM25 (its IDF is near zero), and in
+// a large index it costs a pass over most of it (about 0.6 us a chunk), so there it is left out of
+// a question that has rarer words. Small indexes keep it, and the phrases it makes.
+constexpr double kCommonShare = 0.25;
+constexpr std::int64_t kCostlyChunks = 10'000;
 
 constexpr std::string_view kSchema = R"(
 CREATE TABLE IF NOT EXISTS meta(key TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID;
@@ -38,6 +44,7 @@ CREATE TABLE IF NOT EXISTS chunks(
 CREATE INDEX IF NOT EXISTS chunks_by_file ON chunks(file_id);
 CREATE VIRTUAL TABLE IF NOT EXISTS chunk_text USING fts5(
   content, section, tokenize = 'porter unicode61 remove_diacritics 2');
+CREATE VIRTUAL TABLE IF NOT EXISTS chunk_vocab USING fts5vocab(chunk_text, 'row');
 CREATE TABLE IF NOT EXISTS vectors(
   chunk_id INTEGER NOT NULL REFERENCES chunks(id) ON DELETE CASCADE, model TEXT NOT NULL,
   dim INTEGER NOT NULL, data BLOB NOT NULL, PRIMARY KEY(chunk_id, model)) WITHOUT ROWID;
@@ -338,7 +345,8 @@ boost::asio::awaitable<std::size_t> CorpusIndex::embed_missing(
   co_return ids.size();
 }
 
-std::string CorpusIndex::match_query(std::string_view question) {
+std::string CorpusIndex::match_query(std::string_view question,
+                                     const std::function<bool(std::string_view)>& common) {
   std::vector<std::string> words;
   std::string word;
   const auto flush = [&] {
@@ -362,6 +370,13 @@ std::string CorpusIndex::match_query(std::string_view question) {
     if (!stop_words().contains(w)) kept.push_back(w);
   }
   if (kept.empty()) kept = words;
+  if (common) {
+    std::vector<std::string> rare;
+    for (const auto& w : kept) {
+      if (!common(w)) rare.push_back(w);
+    }
+    if (!rare.empty()) kept = std::move(rare);
+  }
   std::string query;
   for (const auto& w : kept) {
     if (!query.empty()) query += " OR ";
@@ -376,7 +391,23 @@ std::string CorpusIndex::match_query(std::string_view question) {
 }
 
 std::vector<CorpusIndex::Ranked> CorpusIndex::bm25(std::string_view question, std::size_t k) {
-  const std::string query = match_query(question);
+  const auto chunks = static_cast<double>(chunk_count());
+  SqliteDatabase::Statement frequency(db_, "SELECT doc FROM chunk_vocab WHERE term = ?");
+  const auto common = [&](std::string_view word) {
+    const auto tokens = db_.fts5_tokens(kTokenizer, word);
+    if (tokens.size() != 1) return false;
+    frequency.bind(1, tokens.front());
+    const std::int64_t documents = frequency.step() ? frequency.integer(0) : 0;
+    frequency.reset();
+    return documents > kCostlyChunks && static_cast<double>(documents) > kCommonShare * chunks;
+  };
+  std::vector<Ranked> out = bm25_query(match_query(question, common), k);
+  // Rare words that find too little: the common ones are worth their cost after all.
+  if (out.size() < k) out = bm25_query(match_query(question), k);
+  return out;
+}
+
+std::vector<CorpusIndex::Ranked> CorpusIndex::bm25_query(const std::string& query, std::size_t k) {
   std::vector<Ranked> out;
   if (query.empty()) return out;
   // The section path weighs more than the text: a heading names what its section is about.

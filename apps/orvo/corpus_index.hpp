@@ -81,8 +81,10 @@ class CorpusIndex {
   [[nodiscard]] std::size_t chunk_count();
 
   /// The FTS5 query for a question: its words and pairs of neighbouring words, quoted, joined
-  /// with OR; common words dropped unless nothing else is left. Empty without words.
-  [[nodiscard]] static std::string match_query(std::string_view question);
+  /// with OR. Stop words, then words for which `common` holds, are dropped unless nothing else
+  /// is left. Empty without words.
+  [[nodiscard]] static std::string match_query(
+      std::string_view question, const std::function<bool(std::string_view)>& common = {});
 
  private:
   struct Ranked {
@@ -90,6 +92,7 @@ class CorpusIndex {
     double score;
   };
   std::vector<Ranked> bm25(std::string_view question, std::size_t k);
+  std::vector<Ranked> bm25_query(const std::string& query, std::size_t k);
   std::vector<Ranked> nearest(std::span<const float> vector, std::string_view model, std::size_t k);
   std::shared_ptr<orvo_core::Chunk> load_chunk(std::int64_t id);
   void clear();

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <limits>
 #include <system_error>
 
@@ -46,6 +47,47 @@ void SqliteDatabase::exec(std::string_view sql) {
   const int code = sqlite3_exec(db_, text.c_str(), nullptr, nullptr, &message);
   sqlite3_free(message);
   if (code != SQLITE_OK) fail(code, "cannot update the index");
+}
+
+std::vector<std::string> SqliteDatabase::fts5_tokens(std::string_view tokenizer,
+                                                     std::string_view text) {
+  fts5_api* api = nullptr;
+  {
+    Statement get(*this, "SELECT fts5(?1)");
+    sqlite3_bind_pointer(get.statement_, 1, static_cast<void*>(&api), "fts5_api_ptr", nullptr);
+    (void)get.step();
+  }
+  std::vector<std::string> words;
+  std::string names(tokenizer);
+  for (std::size_t at = 0; at < names.size();) {
+    const std::size_t end = std::min(names.find(' ', at), names.size());
+    if (end > at) words.push_back(names.substr(at, end - at));
+    at = end + 1;
+  }
+  if (api == nullptr || words.empty()) throw DatabaseError(path_.string() + ": no FTS5");
+  void* context = nullptr;
+  fts5_tokenizer methods{};
+  if (api->xFindTokenizer(api, words[0].c_str(), &context, &methods) != SQLITE_OK) {
+    throw DatabaseError(path_.string() + ": no FTS5 tokenizer " + words[0]);
+  }
+  std::vector<const char*> arguments;
+  for (std::size_t i = 1; i < words.size(); ++i) arguments.push_back(words[i].c_str());
+  Fts5Tokenizer* instance = nullptr;
+  if (methods.xCreate(context, arguments.data(), static_cast<int>(arguments.size()), &instance) !=
+      SQLITE_OK) {
+    throw DatabaseError(path_.string() + ": cannot make the FTS5 tokenizer " + words[0]);
+  }
+  std::vector<std::string> tokens;
+  const auto collect = [](void* out, int, const char* token, int size, int, int) {
+    static_cast<std::vector<std::string>*>(out)->emplace_back(token,
+                                                              static_cast<std::size_t>(size));
+    return SQLITE_OK;
+  };
+  const int code = methods.xTokenize(instance, &tokens, FTS5_TOKENIZE_QUERY, text.data(),
+                                     length(text.size()), collect);
+  methods.xDelete(instance);
+  if (code != SQLITE_OK) fail(code, "cannot tokenize the question");
+  return tokens;
 }
 
 std::int64_t SqliteDatabase::last_insert_id() const {

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 struct sqlite3;
 struct sqlite3_stmt;
@@ -49,6 +50,7 @@ class SqliteDatabase {
     [[nodiscard]] bool is_null(int column) const;
 
    private:
+    friend class SqliteDatabase;
     SqliteDatabase& db_;
     sqlite3_stmt* statement_ = nullptr;
   };
@@ -75,6 +77,10 @@ class SqliteDatabase {
 
   /// Runs one or more statements that take no parameters.
   void exec(std::string_view sql);
+  /// The tokens that the FTS5 tokenizer `tokenizer` (its name and arguments, e.g. "porter
+  /// unicode61") makes of `text` in a query, as the index stores them.
+  [[nodiscard]] std::vector<std::string> fts5_tokens(std::string_view tokenizer,
+                                                     std::string_view text);
   /// The rowid of the last insert.
   [[nodiscard]] std::int64_t last_insert_id() const;
   [[nodiscard]] const std::filesystem::path& path() const { return path_; }
