@@ -34,7 +34,12 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path) : path_(path) 
   }
   // Another orvo indexing the same corpus holds the write lock for a moment at most.
   sqlite3_busy_timeout(db_, 10'000);
-  exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
+  try {
+    exec("PRAGMA journal_mode=WAL; PRAGMA synchronous=NORMAL; PRAGMA foreign_keys=ON;");
+  } catch (...) {  // a file that is no database fails here; no destructor will close it
+    sqlite3_close_v2(db_);
+    throw;
+  }
 }
 
 SqliteDatabase::~SqliteDatabase() {
