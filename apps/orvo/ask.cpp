@@ -31,12 +31,15 @@ using Chunks = std::vector<std::shared_ptr<orvo_core::Chunk>>;
 
 namespace {
 
-constexpr double kOfflineThreshold = 0.3;
+// An extracted answer shares most words with the chunks it comes from, and some with any chunk
+// on the same subject.
+constexpr double kOfflineThreshold = 0.45;
 constexpr std::size_t kIndexBatch = 256;
 
 constexpr const char* kAnswerSystem =
     "You answer questions using only the context below. Answer in a few sentences. If the "
-    "context does not hold the answer, say that you could not find it.\n\nContext:\n{context}";
+    "context does not hold the answer, reply with exactly: I couldn't find an answer in the "
+    "documents.\n\nContext:\n{context}";
 constexpr const char* kAnswerUser = "{query}";
 constexpr const char* kJudgeSystem =
     "You decide which chunks of a context support a response. Each chunk starts with [CHUNK] "
@@ -102,7 +105,16 @@ class Progress {
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-// Embeds every chunk, a batch at a time, into one buffer.
+// A chunk's text led by a heading line that says where it sits (its section, or its file's
+// name): what is embedded, and what the answer reads.
+std::string titled(const orvo_core::Chunk& chunk) {
+  const Any* title = orvo_core::find(chunk.metadata, "section");
+  if (title == nullptr || !title->is_string()) title = orvo_core::find(chunk.metadata, "file_name");
+  if (title == nullptr || !title->is_string() || title->as_string().empty()) return chunk.content;
+  return "# " + title->as_string() + "\n" + chunk.content;
+}
+
+// Embeds every chunk with its heading line, a batch at a time, into one buffer.
 orvo_core::Awaitable<orvo_core::Embeddings> index(
     std::shared_ptr<orvo_inference::BaseEMInvoker> embedder, const Chunks* chunks,
     std::ostream* err, bool show_progress) {
@@ -111,8 +123,9 @@ orvo_core::Awaitable<orvo_core::Embeddings> index(
   std::size_t dim = 0;
   for (std::size_t start = 0; start < chunks->size(); start += kIndexBatch) {
     const std::size_t end = std::min(chunks->size(), start + kIndexBatch);
-    std::vector<std::string_view> texts;
-    for (std::size_t i = start; i < end; ++i) texts.emplace_back((*chunks)[i]->content);
+    std::vector<std::string> owned;
+    for (std::size_t i = start; i < end; ++i) owned.push_back(titled(*(*chunks)[i]));
+    std::vector<std::string_view> texts(owned.begin(), owned.end());
     const orvo_core::Embeddings batch = co_await embedder->invoke(std::move(texts));
     if (batch.size() != end - start || (start != 0 && batch.dim() != dim)) {
       throw std::runtime_error("the embedding model returned embeddings that do not fit");
@@ -133,6 +146,27 @@ std::string distinct_references(const orvo_core::List& entries) {
     }
   }
   return orvo_generation::reference_formatter::format_references_as_string(distinct);
+}
+
+// The retrieved chunks, each led by its heading line, so that the answer can tell the chunks
+// apart and read their headings.
+std::string context_of(const Chunks& chunks) {
+  std::string context;
+  for (const auto& chunk : chunks) {
+    if (!context.empty()) context += "\n\n";
+    context += titled(*chunk);
+  }
+  return context;
+}
+
+// Whether the answer is the decline: the offline one, or a model's that follows the prompt.
+bool declined(const Any& response) {
+  if (!response.is_string()) return false;
+  std::string_view text = response.as_string();
+  const auto first = text.find_first_not_of(" \t\r\n\"");
+  if (first == std::string_view::npos) return true;
+  text = text.substr(first, text.find_last_not_of(" \t\r\n\"") - first + 1);
+  return text == orvo_inference::ExtractiveRequestProcessor::kNoAnswer;
 }
 
 Chunks top_k(const Chunks& chunks, const std::vector<double>& scores, std::size_t k) {
@@ -162,7 +196,7 @@ Chunks load(const AskOptions& options, std::ostream& err) {
 
 }  // namespace
 
-orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostream* err) {
+orvo_core::Awaitable<bool> ask(AskOptions options, std::ostream* out, std::ostream* err) {
   const Chunks chunks = load(options, *err);
   const Collaborators parts = collaborators(options);
 
@@ -198,12 +232,7 @@ orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostre
   orvo_core::Map state;
   if (options.synthesizer == AskOptions::Synthesizer::stuff) {
     synthesizer = std::make_unique<rs::StuffResponseSynthesizer>(parts.answerer);
-    std::string context;
-    for (const auto& chunk : retrieved) {
-      if (!context.empty()) context += "\n\n";
-      context += chunk->content;
-    }
-    state.emplace("context", std::move(context));
+    state.emplace("context", context_of(retrieved));
   } else {
     synthesizer = std::make_unique<rs::StaticListResponseSynthesizer>();
     orvo_core::List items;
@@ -217,8 +246,9 @@ orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostre
   synthesis.emplace("event_emitter", emitter);
   const Any response = co_await synthesizer->run(std::move(synthesis));
   if (console) console->finish_line();
+  const bool answered = !declined(response);
 
-  // References.
+  // References, for an answer only.
   namespace rf = orvo_generation::reference_formatter;
   std::unique_ptr<rf::BaseReferenceFormatter> formatter;
   if (options.references == AskOptions::References::similarity) {
@@ -230,21 +260,26 @@ orvo_core::Awaitable<void> ask(AskOptions options, std::ostream* out, std::ostre
     formatter = std::make_unique<rf::LMBasedReferenceFormatter>(
         parts.judge, options.batch_size, rf::DEFAULT_REFERENCE_METADATA, true, distinct_references);
   }
-  orvo_core::Kwargs citing;
-  citing.emplace("response", response);
-  citing.emplace("chunks", orvo_core::List(retrieved.begin(), retrieved.end()));
-  citing.emplace("event_emitter", emitter);
-  const Any references = co_await formatter->run(std::move(citing));
+  Any references("");
+  if (answered) {
+    orvo_core::Kwargs citing;
+    citing.emplace("response", response);
+    citing.emplace("chunks", orvo_core::List(retrieved.begin(), retrieved.end()));
+    citing.emplace("event_emitter", emitter);
+    references = co_await formatter->run(std::move(citing));
+  }
 
   if (options.json) {
     orvo_core::Map result;
     result.emplace("type", "RESULT");
     result.emplace("answer", response);
+    result.emplace("answered", answered);
     result.emplace("references", references);
     *out << orvo_core::to_json(Any(std::move(result))) << '\n' << std::flush;
-  } else if (!references.truthy()) {
+  } else if (answered && !references.truthy()) {
     *out << "\n(No retrieved chunk was close enough to the answer to cite.)\n" << std::flush;
   }
+  co_return answered;
 }
 
 }  // namespace orvo_cli

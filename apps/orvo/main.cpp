@@ -30,8 +30,9 @@ int main(int argc, char** argv) {
       }
     }
     orvo_cli::AskOptions options = orvo_cli::parse_ask_options(rest);
-    orvo_core::run_sync(orvo_cli::ask(std::move(options), &std::cout, &std::cerr));
-    return 0;
+    const bool answered =
+        orvo_core::run_sync(orvo_cli::ask(std::move(options), &std::cout, &std::cerr));
+    return answered ? 0 : 3;  // 3: the documents do not hold the answer.
   } catch (const orvo_cli::UsageError& e) {
     std::cout << std::flush;
     std::cerr << "orvo: " << orvo_core::text::escape_controls(e.what(), true)

@@ -50,10 +50,27 @@ const std::string kDocs = std::string(ORVO_SOURCE_DIR) + "/examples/docs";
 TEST(orvo_tool, answers_offline_with_references) {
   const ToolRun run = run_tool("ask --docs " + kDocs + " 'What causes spring tides?'");
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("pring tide"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("\nReferences:\n1. ["), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("](" + kDocs + "/"), std::string::npos) << "links to the files";
+  EXPECT_NE(run.out.find("new moon and full moon"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("straight line"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("\nReferences:\n1. [spring-and-neap-tides.md]"), std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("](" + kDocs + "/spring-and-neap-tides.md#spring-and-neap-tides)"),
+            std::string::npos)
+      << "links to the section";
   EXPECT_EQ(run.out.find('\x1b'), std::string::npos) << "no colour off a terminal";
+}
+
+TEST(orvo_tool, declines_without_references_when_the_documents_do_not_answer) {
+  for (const std::string json : {"", "--json "}) {
+    const ToolRun run =
+        run_tool("ask " + json + "--docs " + kDocs + " 'What is the tidal range on Mars?'");
+    EXPECT_EQ(run.status, 3) << run.err;
+    EXPECT_NE(run.out.find("I couldn't find an answer in the documents."), std::string::npos);
+    EXPECT_EQ(run.out.find("References"), std::string::npos) << run.out;
+    if (!json.empty()) {
+      EXPECT_NE(run.out.find("\"answered\": false"), std::string::npos);
+    }
+  }
 }
 
 TEST(orvo_tool, json_output_is_one_object_per_line) {
@@ -68,6 +85,7 @@ TEST(orvo_tool, json_output_is_one_object_per_line) {
   const orvo_core::Map& result = objects.back().as_map();
   EXPECT_EQ(orvo_core::get(result, "type"), orvo_core::Any("RESULT"));
   EXPECT_TRUE(orvo_core::get(result, "answer").truthy());
+  EXPECT_EQ(orvo_core::get(result, "answered"), orvo_core::Any(true));
   EXPECT_NE(orvo_core::get(result, "references").str().find("References:"), std::string::npos);
   EXPECT_EQ(orvo_core::get(objects.front().as_map(), "type"), orvo_core::Any("STATUS"));
 }
