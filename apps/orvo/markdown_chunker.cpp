@@ -12,6 +12,7 @@ namespace orvo_cli {
 namespace {
 
 constexpr std::size_t kMinChars = 40;
+constexpr std::size_t kMaxInline = 1024;  // The longest link we look for.
 
 std::string_view trim(std::string_view s) {
   const auto first = s.find_first_not_of(" \t\r\n");
@@ -29,7 +30,9 @@ std::size_t indent_of(std::string_view line) {
 // pairs; npos without one.
 std::size_t closing(std::string_view s, std::size_t open, char left, char right) {
   int depth = 0;
-  for (std::size_t i = open; i < s.size();) {
+  // Links are short; looking no further keeps a run of brackets from taking quadratic time.
+  const std::size_t end = std::min(s.size(), open + kMaxInline);
+  for (std::size_t i = open; i < end;) {
     if (s[i] == '`') {
       i = orvo_core::code_span_end(s, i);
       continue;

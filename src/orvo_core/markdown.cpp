@@ -11,6 +11,8 @@ namespace {
 constexpr std::array<std::string_view, 9> kAbbreviations = {"approx.", "cf.", "dr.", "e.g.", "etc.",
                                                             "i.e.",    "mr.", "no.", "vs."};
 
+constexpr std::size_t kMaxSpan = 1024;  // The longest code span we look for.
+
 bool is_blank(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
@@ -36,7 +38,8 @@ bool ends_abbreviation(std::string_view text, std::size_t dot) {
 std::size_t code_span_end(std::string_view text, std::size_t pos) {
   std::size_t run = 0;
   while (pos + run < text.size() && text[pos + run] == '`') ++run;
-  const std::size_t line_end = std::min(text.find('\n', pos), text.size());
+  // Spans are short; looking no further keeps a run of lone backticks from taking quadratic time.
+  const std::size_t line_end = std::min({text.find('\n', pos), text.size(), pos + kMaxSpan});
   for (std::size_t at = text.find('`', pos + run); at < line_end; at = text.find('`', at)) {
     std::size_t close = 0;
     while (at + close < text.size() && text[at + close] == '`') ++close;

@@ -14,7 +14,8 @@ namespace orvo_core {
 [[nodiscard]] std::vector<std::string_view> split_sentences(std::string_view text);
 
 /// The end of the code span whose opening backticks start at `pos`: after the closing run of as
-/// many backticks on the same line, or, without one, after the opening run (which is then text).
+/// many backticks on the same line (within 1 KiB), or, without one, after the opening run (which
+/// is then text).
 [[nodiscard]] std::size_t code_span_end(std::string_view text, std::size_t pos);
 
 /// The length of the list marker that opens `line`, with the blank after it ("* ", "- ", "+ ",

@@ -20,11 +20,14 @@ namespace orvo_inference {
 ///   by their rarity in the context (words its chunk's heading holds count in part), by how much
 ///   of the question its chunk holds, by whether the words open the sentence, and by whether it
 ///   gives the kind of answer asked for (a cause for "why", a number for "how many", ...);
-///   sentences that only repeat the question lose. The best sentence, the one after it when it
-///   carries on ("At those times ..."), and others nearly as good make the answer, at most
-///   `max_sentences`, in context order. When no chunk holds most of the question's weight, or
-///   the best score is below `min_similarity`, the answer is `kNoAnswer`. With an emitter, the
-///   answer is emitted word by word as RESPONSE events.
+///   sentences that only repeat the question lose. The best sentence, with the one before it
+///   that it leans on ("Such a point ...") and the one after it that carries it on ("At those
+///   times ..."), or else with the next best of its chunk when nearly as good, makes the answer,
+///   at most `max_sentences` in context order. A sentence whose chunk's heading names its
+///   subject in code and that does not is led by that name ("`fs.existsSync(path)`: Returns
+///   ..."). When no chunk holds most of the question's weight, or the best score is below
+///   `min_similarity`, the answer is `kNoAnswer`. With an emitter, the answer is emitted word by
+///   word as RESPONSE events.
 /// - `Task::judge` (for the LM-based reference formatter; prompt variables "response" and
 ///   "context" in its "[CHUNK]" layout): a chunk is relevant when the lexical similarity of its
 ///   content to the response reaches `min_similarity`. The answer is a map from the context's

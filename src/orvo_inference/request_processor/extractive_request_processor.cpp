@@ -45,7 +45,7 @@ constexpr double kAbsentWeight = 0.75;
 // answer. Calibrated on eval/questions.jsonl: the unanswerable questions reach about 0.5, the
 // answerable ones 0.65 and more once their chunk is retrieved.
 constexpr double kMinEvidence = 0.6;
-// Further sentences of the best one's chunk join it when they score this share of its score.
+// Another sentence of the best one's chunk joins it when it scores this share of its score.
 constexpr double kCloseToBest = 0.9;
 
 const std::string& required_text(const orvo_core::Map& variables, std::string_view name) {
@@ -458,8 +458,8 @@ std::string ExtractiveRequestProcessor::answer(std::string_view query,
       continues(units[best + 1].text)) {
     take(best + 1);
   }
-  // Others of its chunk nearly as good and as plain, best first: sentences of other chunks would
-  // add another subject more often than more of the answer.
+  // When it stands alone, the next best of its chunk if nearly as good and as plain: a sentence
+  // of another chunk would add another subject more often than more of the answer.
   std::vector<std::size_t> order(units.size());
   std::iota(order.begin(), order.end(), 0);
   std::stable_sort(order.begin(), order.end(),

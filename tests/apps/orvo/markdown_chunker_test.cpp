@@ -64,6 +64,10 @@ TEST(markdown_chunker, no_chunk_exceeds_the_limit) {
     EXPECT_LE(chunk.text.size(), 50U) << chunk.text;
     EXPECT_FALSE(chunk.text.empty());
   }
+  // Runs of unmatched brackets and backticks in one long paragraph are read in linear time.
+  std::string runs;
+  for (int i = 0; i < 20000; ++i) runs += i % 2 == 0 ? "[a `b " : "](";
+  EXPECT_FALSE(chunk_markdown(runs, {800}).empty());
 }
 
 }  // namespace
