@@ -27,7 +27,11 @@ using Chunks = std::vector<std::shared_ptr<orvo_core::Chunk>>;
 
 namespace {
 
-constexpr double kOfflineThreshold = 0.3;
+constexpr std::string_view kNoAnswer = orvo_inference::ExtractiveRequestProcessor::kNoAnswer;
+
+// An extracted answer shares most words with the chunks it comes from, and some with any chunk
+// on the same subject.
+constexpr double kOfflineThreshold = 0.45;
 constexpr std::size_t kEmbedBatch = 64;
 
 constexpr const char* kAnswerSystem =
@@ -82,10 +86,8 @@ Collaborators collaborators(const AskOptions& options) {
         orvo_inference::PromptTemplate(kJudgeSystem, kJudgeUser), chat,
         std::make_shared<orvo_inference::JsonOutputParser>());
   } else {
-    auto answerer =
+    parts.answerer =
         std::make_shared<ExtractiveRequestProcessor>(ExtractiveRequestProcessor::Task::answer);
-    answerer->no_answer = kNoAnswer;
-    parts.answerer = std::move(answerer);
     parts.judge =
         std::make_shared<ExtractiveRequestProcessor>(ExtractiveRequestProcessor::Task::judge);
   }
@@ -166,24 +168,34 @@ std::string retrieval_payload(const std::vector<Retrieved>& found) {
   return orvo_core::to_json(Any(std::move(payload)));
 }
 
-// The context the answer is made from: each chunk under its section path.
+// A chunk's text led by a heading line that says where it sits (its section, or its file's
+// name), so that the answer can tell the chunks apart and read their headings.
+std::string titled(const orvo_core::Chunk& chunk) {
+  const Any* title = orvo_core::find(chunk.metadata, "section");
+  if (title == nullptr || !title->is_string() || title->as_string().empty()) {
+    title = orvo_core::find(chunk.metadata, "file_name");
+  }
+  if (title == nullptr || !title->is_string() || title->as_string().empty()) return chunk.content;
+  return "# " + title->as_string() + "\n" + chunk.content;
+}
+
 std::string context_of(const Chunks& chunks) {
   std::string context;
   for (const auto& chunk : chunks) {
     if (!context.empty()) context += "\n\n";
-    const Any section = metadata_text(*chunk, "section");
-    if (section.truthy()) context += "## " + section.str() + "\n";
-    context += chunk->content;
+    context += titled(*chunk);
   }
   return context;
 }
 
-bool declined(const Any& answer) {
-  if (!answer.is_string()) return false;
-  const std::string& text = answer.as_string();
-  const auto first = text.find_first_not_of(" \t\r\n");
-  const auto last = text.find_last_not_of(" \t\r\n");
-  return first != std::string::npos && text.substr(first, last - first + 1) == kNoAnswer;
+// Whether the answer is the decline: the offline one, or a model's that follows the prompt.
+bool declined(const Any& response) {
+  if (!response.is_string()) return false;
+  std::string_view text = response.as_string();
+  const auto first = text.find_first_not_of(" \t\r\n\"");
+  if (first == std::string_view::npos) return true;
+  text = text.substr(first, text.find_last_not_of(" \t\r\n\"") - first + 1);
+  return text == kNoAnswer;
 }
 
 struct Prepared {
@@ -286,8 +298,9 @@ orvo_core::Awaitable<int> run_command(AskOptions options, std::ostream* out, std
   // Synthesis; with nothing retrieved there is nothing to ask a model about.
   Any response;
   if (retrieved.empty()) {
-    response = kNoAnswer;
-    co_await emitter->emit(kNoAnswer, orvo_core::EventLevel::INFO, orvo_core::EventType::RESPONSE);
+    response = std::string(kNoAnswer);
+    co_await emitter->emit(std::string(kNoAnswer), orvo_core::EventLevel::INFO,
+                           orvo_core::EventType::RESPONSE);
   } else {
     namespace rs = orvo_generation::response_synthesizer;
     std::unique_ptr<rs::BaseResponseSynthesizer> synthesizer;

@@ -10,9 +10,6 @@ namespace orvo_cli {
 /// The exit status of an `ask` whose documents hold no answer.
 inline constexpr int kExitNoAnswer = 3;
 
-/// The answer given when the documents hold none.
-inline constexpr const char* kNoAnswer = "I couldn't find an answer in the documents.";
-
 /// Runs `options.command`. `ask` runs one pipeline turn: brings the corpus's index up to date,
 /// retrieves the best chunks for the question, synthesizes the answer and formats its
 /// references, streaming everything to `out` (human-readable, or JSON Lines with `--json`) and

@@ -26,49 +26,6 @@ std::string_view trim(std::string_view s) {
   return s.substr(first, s.find_last_not_of(" \t\r\n") - first + 1);
 }
 
-// Paragraphs are separated by lines that are empty or hold only blanks.
-std::vector<std::string_view> paragraphs(std::string_view text) {
-  std::vector<std::string_view> out;
-  std::size_t first = std::string_view::npos;  // start of the paragraph being read
-  std::size_t last = 0;                        // end of its last line
-  const auto close = [&] {
-    if (first != std::string_view::npos) out.push_back(trim(text.substr(first, last - first)));
-    first = std::string_view::npos;
-  };
-  for (std::size_t pos = 0; pos < text.size();) {
-    std::size_t eol = text.find('\n', pos);
-    if (eol == std::string_view::npos) eol = text.size();
-    if (trim(text.substr(pos, eol - pos)).empty()) {
-      close();
-    } else {
-      if (first == std::string_view::npos) first = pos;
-      last = eol;
-    }
-    pos = eol + 1;
-  }
-  close();
-  return out;
-}
-
-// Cuts a long paragraph at sentence ends, or at blanks when a sentence alone is too long.
-void cut(std::string_view paragraph, std::size_t max_chars, std::vector<std::string>& out) {
-  while (paragraph.size() > max_chars) {
-    std::size_t at = std::string_view::npos;
-    for (std::size_t i = max_chars; i > max_chars / 2; --i) {
-      const char c = paragraph[i - 1];
-      if ((c == '.' || c == '!' || c == '?') && paragraph[i] == ' ') {
-        at = i;
-        break;
-      }
-    }
-    if (at == std::string_view::npos) at = paragraph.rfind(' ', max_chars);
-    if (at == std::string_view::npos || at == 0) at = max_chars;
-    out.emplace_back(trim(paragraph.substr(0, at)));
-    paragraph = trim(paragraph.substr(at));
-  }
-  if (!paragraph.empty()) out.emplace_back(paragraph);
-}
-
 std::string lower_extension(const fs::path& path) {
   std::string ext = path.extension().string();
   std::transform(ext.begin(), ext.end(), ext.begin(),
@@ -156,12 +113,27 @@ void walk(const fs::path& folder, Walk& out) {
   if (error) out.problems.push_back(folder.string() + ": cannot list it (" + error.message() + ")");
 }
 
+// `metadata` is the file's own; each chunk adds where it sits: "section" (its heading path) and,
+// when the file has an address, the chunk's anchor appended to it.
 void add_chunks(std::string_view text, const orvo_core::Map& metadata, const std::string& id,
                 const ChunkOptions& options, std::vector<std::shared_ptr<orvo_core::Chunk>>& out) {
-  const std::vector<std::string> pieces = split_text(text, options);
+  const std::vector<DocumentChunk> pieces = chunk_markdown(text, options);
   for (std::size_t i = 0; i < pieces.size(); ++i) {
-    out.push_back(
-        std::make_shared<orvo_core::Chunk>(pieces[i], metadata, id + "#" + std::to_string(i + 1)));
+    orvo_core::Map own = metadata;
+    const DocumentChunk& piece = pieces[i];
+    if (!piece.headings.empty() && orvo_core::find(own, "section") == nullptr) {
+      std::string section;
+      for (const auto& heading : piece.headings)
+        section += (section.empty() ? "" : " > ") + heading;
+      own.insert_or_assign("section", std::move(section));
+    }
+    const Any* url = orvo_core::find(own, "file_url");
+    if (!piece.anchor.empty() && url != nullptr && url->is_string() &&
+        url->as_string().find('#') == std::string::npos) {
+      own.insert_or_assign("file_url", url->as_string() + "#" + piece.anchor);
+    }
+    out.push_back(std::make_shared<orvo_core::Chunk>(piece.text, std::move(own),
+                                                     id + "#" + std::to_string(i + 1)));
   }
 }
 
@@ -200,38 +172,6 @@ void load_json_lines(const fs::path& path, std::string text, const ChunkOptions&
 }
 
 }  // namespace
-
-std::vector<std::string> split_text(std::string_view text, const ChunkOptions& options) {
-  const std::size_t max_chars = std::max<std::size_t>(options.max_chars, 40);
-  std::vector<std::string> chunks;
-  std::string current;
-  bool current_is_heading = false;
-  for (const std::string_view paragraph : paragraphs(text)) {
-    const bool heading = paragraph.front() == '#';
-    const bool fits = current.size() + 2 + paragraph.size() <= max_chars;
-    if (!current.empty() && (fits || current_is_heading) && !heading) {
-      current += "\n\n";
-      current += paragraph;
-      current_is_heading = false;
-      if (current.size() > max_chars) {
-        cut(current, max_chars, chunks);
-        current.clear();
-      }
-      continue;
-    }
-    if (!current.empty()) chunks.push_back(std::move(current));
-    current.clear();
-    if (paragraph.size() > max_chars) {
-      cut(paragraph, max_chars, chunks);
-      current_is_heading = false;
-    } else {
-      current = paragraph;
-      current_is_heading = heading;
-    }
-  }
-  if (!current.empty()) chunks.push_back(std::move(current));
-  return chunks;
-}
 
 CorpusFiles list_corpus_files(const fs::path& folder) {
   Walk found;

@@ -9,20 +9,10 @@
 #include <string_view>
 #include <vector>
 
+#include "markdown_chunker.hpp"
 #include "orvo_core/schema/chunk.hpp"
 
 namespace orvo_cli {
-
-/// How documents are cut into chunks.
-struct ChunkOptions {
-  std::size_t max_chars = 800;  ///< Longest chunk; longer paragraphs are cut at sentences.
-};
-
-/// Cuts a document into chunks: paragraphs (separated by blank lines) are joined while they fit
-/// in `max_chars`, a heading stays with the paragraph after it, and a paragraph too long on its
-/// own is cut between sentences (or words, as a last resort).
-[[nodiscard]] std::vector<std::string> split_text(std::string_view text,
-                                                  const ChunkOptions& options);
 
 /// Which files of a corpus are read.
 struct LoadOptions {
@@ -34,10 +24,13 @@ struct LoadOptions {
 
 /// Loads the chunks of a corpus: a folder (searched recursively, in name order, without following
 /// linked folders) of .md and .txt files, one such file, or a .jsonl file of
-/// {"content": ..., "metadata": {...}} objects. Only regular files are read. Files get the
-/// metadata "file_name" (the file's name) and "file_url" (its path). Files of a folder that
-/// cannot be read are skipped, each with a line naming it and why appended to `skipped`. Errors
-/// are `std::runtime_error`s that say which file (and, for JSON Lines, which line) is at fault.
+/// {"content": ..., "metadata": {...}} objects, each cut by `chunk_markdown`. Only regular files
+/// are read. Chunks of files get the metadata "file_name" (the file's name) and "file_url" (its
+/// path, with "#" and the chunk's anchor when it sits under a heading); every chunk under a heading
+/// gets "section", its heading path joined by " > " (JSON Lines keep a "section" of their own).
+/// Files of a folder that cannot be read are skipped, each with a line naming it and why appended
+/// to `skipped`. Errors are `std::runtime_error`s that say which file (and, for JSON Lines, which
+/// line) is at fault.
 [[nodiscard]] std::vector<std::shared_ptr<orvo_core::Chunk>> load_corpus(
     const std::filesystem::path& path, const ChunkOptions& options = {},
     const LoadOptions& load = {}, std::vector<std::string>* skipped = nullptr);

@@ -22,7 +22,7 @@ using orvo_core::Any;
 namespace {
 
 // Bumped whenever the layout or the chunking changes, so that old indexes are rebuilt.
-constexpr std::string_view kSchemaVersion = "2";
+constexpr std::string_view kSchemaVersion = "3";
 constexpr std::size_t kRrfK = 60;          // the usual damping of reciprocal rank fusion
 constexpr std::size_t kFusionDepth = 100;  // how deep each ranking is read for fusion
 constexpr std::size_t kScoreBatch = 1024;  // vectors scored per cosine call

@@ -54,7 +54,7 @@ Without a server everything runs offline: BM25 retrieval and an extractive answe
   --api-key-env NAME       environment variable that holds the API key (default: ORVO_API_KEY)
   --synthesizer KIND       stuff (default) or static-list
   --references KIND        similarity (default) or lm
-  --threshold X            lowest similarity of a reference (default: 0.5, offline 0.3)
+  --threshold X            lowest similarity of a reference (default: 0.5, offline 0.45)
   --batch-size N           chunks per request of the lm reference judge (default: 5)
   --top-k N                chunks retrieved for the question (default: 4)
   --chunk-size N           longest chunk in characters (default: 800)

@@ -36,7 +36,7 @@ struct AskOptions {
   std::string api_key_env = "ORVO_API_KEY";
   Synthesizer synthesizer = Synthesizer::stuff;
   References references = References::similarity;
-  std::optional<double> threshold;  ///< Unset: 0.5 with a server, 0.3 offline.
+  std::optional<double> threshold;  ///< Unset: 0.5 with a server, 0.45 offline.
   std::int64_t batch_size = 5;
   std::size_t top_k = 4;
   std::size_t chunk_size = 800;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "orvo_inference/em_invoker/lexical_em_invoker.hpp"
 #include "orvo_inference/request_processor/lm_request_processor.hpp"
@@ -13,11 +14,20 @@ namespace orvo_inference {
 /// overlap. It serves where no server is at hand; its heuristics are simple and honest:
 ///
 /// - `Task::answer` (for the stuff synthesizer; prompt variables "query" and "context"): the
-///   context is cut into sentences (at ., ! or ? followed by a space, and at line ends; Markdown
-///   headings are left out), each is scored by the lexical similarity of its words to the query,
-///   and the `max_sentences` best that reach `min_similarity` are returned in their original
-///   order, joined by blanks. With none, the answer is `no_answer`. With an emitter, the answer
-///   is emitted word by word as RESPONSE events.
+///   context is read as chunks, each led by a Markdown heading line (its heading path), with
+///   paragraphs and list items one a line; code blocks and tables are skipped. Each sentence (a
+///   list item counts as one) is scored by the share of the question's words it holds, weighted
+///   by their rarity in the context (words its chunk's heading holds count in part), by how much
+///   of the question its chunk holds, by whether the words open the sentence, and by whether it
+///   gives the kind of answer asked for (a cause for "why", a number for "how many", ...);
+///   sentences that only repeat the question lose. The best sentence, with the one before it
+///   that it leans on ("Such a point ...") and the one after it that carries it on ("At those
+///   times ..."), or else with the next best of its chunk when nearly as good, makes the answer,
+///   at most `max_sentences` in context order. A sentence whose chunk's heading names its
+///   subject in code and that does not is led by that name ("`fs.existsSync(path)`: Returns
+///   ..."). When no chunk holds most of the question's weight, or the best score is below
+///   `min_similarity`, the answer is `kNoAnswer`. With an emitter, the answer is emitted word by
+///   word as RESPONSE events.
 /// - `Task::judge` (for the LM-based reference formatter; prompt variables "response" and
 ///   "context" in its "[CHUNK]" layout): a chunk is relevant when the lexical similarity of its
 ///   content to the response reaches `min_similarity`. The answer is a map from the context's
@@ -27,8 +37,10 @@ class ExtractiveRequestProcessor : public LMRequestProcessor {
   /// What the processor is asked to do.
   enum class Task { answer, judge };
 
-  /// A processor for `task`; the similarity threshold defaults to 0.1 for answers and 0.3 for
-  /// judgements.
+  /// The answer when the context does not hold one.
+  static constexpr std::string_view kNoAnswer = "I couldn't find an answer in the documents.";
+
+  /// A processor for `task`; the threshold defaults to 0.35 for answers and 0.3 for judgements.
   explicit ExtractiveRequestProcessor(Task task, double min_similarity = -1.0,
                                       std::size_t max_sentences = 3);
 
@@ -45,9 +57,8 @@ class ExtractiveRequestProcessor : public LMRequestProcessor {
   [[nodiscard]] orvo_core::Any judge(std::string_view response, std::string_view context) const;
 
   Task task;                  ///< Answer or judge.
-  double min_similarity;      ///< The lowest lexical similarity that counts.
+  double min_similarity;      ///< The lowest score of an answer or a relevant chunk.
   std::size_t max_sentences;  ///< Sentences in an answer, at most.
-  std::string no_answer = "I could not find an answer to that in the documents.";
 
  private:
   LexicalEMInvoker embedder_;

@@ -69,6 +69,8 @@ std::vector<std::string> LexicalEMInvoker::words(std::string_view text) {
       word.push_back(static_cast<char>(std::tolower(c)));
       ++i;
     }
+    // Checked before the plural "s" goes too: "does" and "this" are no "doe" and "thi".
+    if (is_stop_word(word)) continue;
     if (word.size() > 3 && word.back() == 's' && word[word.size() - 2] != 's') word.pop_back();
     if (word.size() > 1 && !is_stop_word(word)) out.push_back(std::move(word));
   }

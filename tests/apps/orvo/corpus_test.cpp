@@ -30,22 +30,6 @@ class corpus_files : public testing::Test {
   fs::path root_;
 };
 
-TEST(corpus, paragraphs_join_up_to_the_limit_and_headings_stay_with_their_text) {
-  const orvo_cli::ChunkOptions options{60};
-  EXPECT_EQ(orvo_cli::split_text("# Title\n\nFirst paragraph.\n\n  \nSecond one.", options),
-            (std::vector<std::string>{"# Title\n\nFirst paragraph.\n\nSecond one."}));
-  const std::string long_sentences =
-      "One sentence that is rather long. Another sentence that is long too. And a third one.";
-  const auto pieces = orvo_cli::split_text(long_sentences, options);
-  ASSERT_EQ(pieces.size(), 2U);
-  EXPECT_EQ(pieces[0], "One sentence that is rather long.");
-  for (const auto& piece :
-       orvo_cli::split_text(std::string(300, 'x') + " " + std::string(10, 'y'), options)) {
-    EXPECT_LE(piece.size(), 60U);
-  }
-  EXPECT_TRUE(orvo_cli::split_text(" \n\n \n", options).empty());
-}
-
 TEST_F(corpus_files, folders_load_recursively_in_name_order_with_path_metadata) {
   write("b.md", "# B\n\nBee text.");
   write("a.txt", "Ay text.");
@@ -58,15 +42,22 @@ TEST_F(corpus_files, folders_load_recursively_in_name_order_with_path_metadata) 
   EXPECT_EQ(orvo_core::get(chunks[2]->metadata, "file_url"),
             orvo_core::Any((root_ / "sub/c.MD").generic_string()));
   EXPECT_EQ(chunks[1]->id, (root_ / "b.md").generic_string() + "#1");
+  EXPECT_EQ(chunks[1]->content, "Bee text.");
+  EXPECT_EQ(orvo_core::get(chunks[1]->metadata, "file_url"),
+            orvo_core::Any((root_ / "b.md").generic_string() + "#b"));
+  EXPECT_EQ(orvo_core::get(chunks[1]->metadata, "section"), orvo_core::Any("B"));
+  EXPECT_EQ(orvo_core::find(chunks[0]->metadata, "section"), nullptr) << "no heading";
 }
 
 TEST_F(corpus_files, json_lines_keep_their_metadata_and_errors_name_the_line) {
   const auto good = write("docs.jsonl",
                           "{\"content\": \"One.\", \"metadata\": {\"file_name\": \"x\"}}\n\n"
-                          "{\"content\": \"Two.\"}\n");
+                          "{\"content\": \"# T\\nTwo.\", \"metadata\": {\"file_url\": \"u\"}}\n");
   const auto chunks = orvo_cli::load_corpus(good);
   ASSERT_EQ(chunks.size(), 2U);
   EXPECT_EQ(orvo_core::get(chunks[0]->metadata, "file_name"), orvo_core::Any("x"));
+  EXPECT_EQ(orvo_core::get(chunks[1]->metadata, "file_url"), orvo_core::Any("u#t"));
+  EXPECT_EQ(orvo_core::get(chunks[1]->metadata, "section"), orvo_core::Any("T"));
 
   const struct {
     const char* text;
