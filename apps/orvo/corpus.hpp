@@ -22,19 +22,6 @@ struct LoadOptions {
   bool strict = false;
 };
 
-/// Loads the chunks of a corpus: a folder (searched recursively, in name order, without following
-/// linked folders) of .md and .txt files, one such file, or a .jsonl file of
-/// {"content": ..., "metadata": {...}} objects, each cut by `chunk_markdown`. Only regular files
-/// are read. Chunks of files get the metadata "file_name" (the file's name) and "file_url" (its
-/// path, with "#" and the chunk's anchor when it sits under a heading); every chunk under a heading
-/// gets "section", its heading path joined by " > " (JSON Lines keep a "section" of their own).
-/// Files of a folder that cannot be read are skipped, each with a line naming it and why appended
-/// to `skipped`. Errors are `std::runtime_error`s that say which file (and, for JSON Lines, which
-/// line) is at fault.
-[[nodiscard]] std::vector<std::shared_ptr<orvo_core::Chunk>> load_corpus(
-    const std::filesystem::path& path, const ChunkOptions& options = {},
-    const LoadOptions& load = {}, std::vector<std::string>* skipped = nullptr);
-
 /// The files of a corpus and the problems met while listing them.
 struct CorpusFiles {
   std::vector<std::filesystem::path> files;  ///< In name order.

@@ -1,10 +1,13 @@
 #include "corpus.hpp"
 
+#include "corpus_index.hpp"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include <gtest/gtest.h>
 
@@ -21,12 +24,28 @@ class corpus_files : public testing::Test {
     fs::remove_all(root_);
     fs::create_directories(root_ / "sub");
   }
-  void TearDown() override { fs::remove_all(root_); }
+  void TearDown() override {
+    fs::remove_all(root_);
+    for (const char* suffix : {"", "-wal", "-shm"}) fs::remove(db().string() + suffix);
+  }
   fs::path write(const std::string& name, const std::string& text) {
     const fs::path path = root_ / name;
     std::ofstream(path, std::ios::binary) << text;
     return path;
   }
+  // What an index of `corpus` holds after a sync: its chunks that hold `word`, by id.
+  std::map<std::string, std::shared_ptr<orvo_core::Chunk>> indexed(const fs::path& corpus,
+                                                                   std::string_view word) {
+    orvo_cli::CorpusIndex index(db(), corpus);
+    (void)index.sync({}, {});
+    std::map<std::string, std::shared_ptr<orvo_core::Chunk>> chunks;
+    for (auto& found : index.search(word, 100)) chunks.emplace(found.chunk->id, found.chunk);
+    return chunks;
+  }
+  orvo_cli::SyncReport sync(const fs::path& corpus, const orvo_cli::LoadOptions& load = {}) {
+    return orvo_cli::CorpusIndex(db(), corpus).sync({}, load);
+  }
+  fs::path db() const { return root_.string() + ".sqlite"; }
   fs::path root_;
 };
 
@@ -35,29 +54,33 @@ TEST_F(corpus_files, folders_load_recursively_in_name_order_with_path_metadata) 
   write("a.txt", "Ay text.");
   write("sub/c.MD", "See text.");
   write("ignored.pdf", "binary");
-  const auto chunks = orvo_cli::load_corpus(root_);
+  const auto chunks = indexed(root_, "text");
   ASSERT_EQ(chunks.size(), 3U);
-  EXPECT_EQ(chunks[0]->content, "Ay text.");
-  EXPECT_EQ(orvo_core::get(chunks[0]->metadata, "file_name"), orvo_core::Any("a.txt"));
-  EXPECT_EQ(orvo_core::get(chunks[2]->metadata, "file_url"),
+  const auto& a = chunks.at("a.txt#1");
+  EXPECT_EQ(a->content, "Ay text.");
+  EXPECT_EQ(orvo_core::get(a->metadata, "file_name"), orvo_core::Any("a.txt"));
+  EXPECT_EQ(orvo_core::find(a->metadata, "section"), nullptr) << "no heading";
+  EXPECT_EQ(orvo_core::get(chunks.at("sub/c.MD#1")->metadata, "file_url"),
             orvo_core::Any((root_ / "sub/c.MD").generic_string()));
-  EXPECT_EQ(chunks[1]->id, (root_ / "b.md").generic_string() + "#1");
-  EXPECT_EQ(chunks[1]->content, "Bee text.");
-  EXPECT_EQ(orvo_core::get(chunks[1]->metadata, "file_url"),
+  const auto& b = chunks.at("b.md#1");
+  EXPECT_EQ(b->content, "Bee text.");
+  EXPECT_EQ(orvo_core::get(b->metadata, "file_url"),
             orvo_core::Any((root_ / "b.md").generic_string() + "#b"));
-  EXPECT_EQ(orvo_core::get(chunks[1]->metadata, "section"), orvo_core::Any("B"));
-  EXPECT_EQ(orvo_core::find(chunks[0]->metadata, "section"), nullptr) << "no heading";
+  EXPECT_EQ(orvo_core::get(b->metadata, "section"), orvo_core::Any("B"));
 }
 
 TEST_F(corpus_files, json_lines_keep_their_metadata_and_errors_name_the_line) {
   const auto good = write("docs.jsonl",
                           "{\"content\": \"One.\", \"metadata\": {\"file_name\": \"x\"}}\n\n"
                           "{\"content\": \"# T\\nTwo.\", \"metadata\": {\"file_url\": \"u\"}}\n");
-  const auto chunks = orvo_cli::load_corpus(good);
-  ASSERT_EQ(chunks.size(), 2U);
-  EXPECT_EQ(orvo_core::get(chunks[0]->metadata, "file_name"), orvo_core::Any("x"));
-  EXPECT_EQ(orvo_core::get(chunks[1]->metadata, "file_url"), orvo_core::Any("u#t"));
-  EXPECT_EQ(orvo_core::get(chunks[1]->metadata, "section"), orvo_core::Any("T"));
+  const auto one = indexed(good, "one");
+  ASSERT_EQ(one.size(), 1U);
+  EXPECT_EQ(orvo_core::get(one.begin()->second->metadata, "file_name"), orvo_core::Any("x"));
+  const auto two = indexed(good, "two");
+  ASSERT_EQ(two.size(), 1U);
+  EXPECT_EQ(orvo_core::get(two.begin()->second->metadata, "file_url"), orvo_core::Any("u#t"))
+      << "a link of the line's own is kept as it is";
+  EXPECT_EQ(orvo_core::get(two.begin()->second->metadata, "section"), orvo_core::Any("T"));
 
   const struct {
     const char* text;
@@ -70,7 +93,7 @@ TEST_F(corpus_files, json_lines_keep_their_metadata_and_errors_name_the_line) {
   for (const auto& c : bad) {
     const auto path = write("docs.jsonl", c.text);
     try {
-      (void)orvo_cli::load_corpus(path);
+      (void)sync(path);
       ADD_FAILURE() << c.text;
     } catch (const std::runtime_error& e) {
       EXPECT_NE(std::string(e.what()).find(c.message), std::string::npos) << e.what();
@@ -79,9 +102,9 @@ TEST_F(corpus_files, json_lines_keep_their_metadata_and_errors_name_the_line) {
 }
 
 TEST_F(corpus_files, missing_and_empty_corpora_are_errors) {
-  EXPECT_THROW((void)orvo_cli::load_corpus(root_ / "nope"), std::runtime_error);
-  EXPECT_THROW((void)orvo_cli::load_corpus(root_), std::runtime_error) << "no text files";
-  EXPECT_THROW((void)orvo_cli::load_corpus(write("empty.jsonl", "\n")), std::runtime_error);
+  EXPECT_THROW((void)sync(root_ / "nope"), std::runtime_error);
+  EXPECT_THROW((void)sync(root_), std::runtime_error) << "no text files";
+  EXPECT_THROW((void)sync(write("empty.jsonl", "\n")), std::runtime_error);
 }
 
 // Only regular files are read, none beyond the size limit, and a file that cannot be read is
@@ -101,11 +124,11 @@ TEST_F(corpus_files, files_that_cannot_be_read_are_named_and_skipped) {
     expected.insert(expected.end() - 1, "secret.md: cannot read it (Permission denied)");
   }
   for (auto& line : expected) line = "skipped " + root_.string() + "/" + line;
-  std::vector<std::string> skipped;
-  EXPECT_EQ(orvo_cli::load_corpus(root_, {}, {}, &skipped).size(), 1U);
-  std::sort(skipped.begin(), skipped.end());
-  EXPECT_EQ(skipped, expected);
-  EXPECT_THROW((void)orvo_cli::load_corpus(root_, {}, {.strict = true}), std::runtime_error);
+  orvo_cli::SyncReport report = sync(root_);
+  EXPECT_EQ(report.chunks, 1U);
+  std::sort(report.skipped.begin(), report.skipped.end());
+  EXPECT_EQ(report.skipped, expected);
+  EXPECT_THROW((void)sync(root_, {.strict = true}), std::runtime_error);
 }
 
 }  // namespace
