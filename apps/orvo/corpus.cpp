@@ -73,14 +73,9 @@ std::string read_file(const fs::path& path, std::uint64_t max_bytes) {
   return text;
 }
 
-struct Walk {
-  std::vector<fs::path> files;
-  std::vector<std::string> problems;
-};
-
 // Lists the text files under `folder`. Linked folders are not followed, so there is no loop to
 // fall into; every problem is kept with its path instead of ending the walk.
-void walk(const fs::path& folder, Walk& out) {
+void walk(const fs::path& folder, CorpusFiles& out) {
   std::error_code error;
   fs::directory_iterator it(folder, error);
   if (error) {
@@ -96,18 +91,10 @@ void walk(const fs::path& folder, Walk& out) {
     }
     const std::string ext = lower_extension(path);
     if (ext != ".md" && ext != ".txt") continue;
-    const fs::file_status target = fs::status(path, error);
-    if (error) {
-      out.problems.push_back(path.string() + (error == std::errc::too_many_symbolic_link_levels
-                                                  ? ": symbolic link loop"
-                                                  : ": cannot read it (" + error.message() + ")"));
-      error.clear();
-    } else if (!fs::is_regular_file(target)) {
-      out.problems.push_back(path.string() + (fs::is_directory(target)
-                                                  ? ": a linked folder, not followed"
-                                                  : ": not a regular file"));
-    } else {
-      out.files.push_back(path);
+    try {
+      out.files.push_back(stat_corpus_file(path));
+    } catch (const UnreadableFile& e) {
+      out.problems.emplace_back(e.what());
     }
   }
   if (error) out.problems.push_back(folder.string() + ": cannot list it (" + error.message() + ")");
@@ -173,11 +160,25 @@ void load_json_lines(const fs::path& path, std::string text, const ChunkOptions&
 
 }  // namespace
 
+CorpusFile stat_corpus_file(const fs::path& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) {
+    const int error = errno;
+    throw Unreadable(path.string() + (error == ELOOP ? ": symbolic link loop"
+                                                     : ": cannot read it (" + why(error) + ")"));
+  }
+  if (S_ISDIR(info.st_mode)) throw Unreadable(path.string() + ": a linked folder, not followed");
+  if (!S_ISREG(info.st_mode)) throw Unreadable(path.string() + ": not a regular file");
+  return {path, static_cast<std::int64_t>(info.st_size),
+          static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec};
+}
+
 CorpusFiles list_corpus_files(const fs::path& folder) {
-  Walk found;
+  CorpusFiles found;
   walk(folder, found);
-  std::sort(found.files.begin(), found.files.end());
-  return {std::move(found.files), std::move(found.problems)};
+  std::sort(found.files.begin(), found.files.end(),
+            [](const CorpusFile& a, const CorpusFile& b) { return a.path < b.path; });
+  return found;
 }
 
 std::string read_corpus_file(const fs::path& path, std::uint64_t max_bytes) {

@@ -22,11 +22,21 @@ struct LoadOptions {
   bool strict = false;
 };
 
+/// A file of a corpus, as it was when listed.
+struct CorpusFile {
+  std::filesystem::path path;
+  std::int64_t size = 0;
+  std::int64_t modified_ns = 0;  ///< Last modification, in nanoseconds since the epoch.
+};
+
 /// The files of a corpus and the problems met while listing them.
 struct CorpusFiles {
-  std::vector<std::filesystem::path> files;  ///< In name order.
-  std::vector<std::string> problems;         ///< "<path>: why", one per file left out.
+  std::vector<CorpusFile> files;      ///< In name order.
+  std::vector<std::string> problems;  ///< "<path>: why", one per file left out.
 };
+
+/// Size and time of the regular file at `path`; an `UnreadableFile` error names it and why not.
+[[nodiscard]] CorpusFile stat_corpus_file(const std::filesystem::path& path);
 
 /// Lists the text files (.md, .txt) under a folder, in name order, without following linked
 /// folders; what cannot be read is named in `problems`.

@@ -1,7 +1,6 @@
 #include "corpus_index.hpp"
 
 #include <openssl/evp.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -75,10 +74,6 @@ std::span<const std::byte> bytes(const auto& data) {
   return std::as_bytes(std::span(data));
 }
 
-std::int64_t modified_ns(const struct stat& info) {
-  return static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
-}
-
 std::string hex(std::span<const unsigned char> data) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string out;
@@ -134,7 +129,9 @@ CorpusIndex::CorpusIndex(const fs::path& db_file, fs::path corpus)
 }
 
 void CorpusIndex::clear() {
-  db_.exec("DELETE FROM vectors; DELETE FROM chunks; DELETE FROM chunk_text; DELETE FROM files;");
+  db_.exec(
+      "DELETE FROM vectors; DELETE FROM chunks; DELETE FROM chunk_text; DELETE FROM files; "
+      "DELETE FROM meta WHERE key = 'chunks';");
 }
 
 SyncReport CorpusIndex::sync(const ChunkOptions& chunking, const LoadOptions& load,
@@ -151,7 +148,16 @@ SyncReport CorpusIndex::sync(const ChunkOptions& chunking, const LoadOptions& lo
   if (!folder && !fs::is_regular_file(status)) {
     throw std::runtime_error(corpus_.string() + ": not a regular file or folder");
   }
-  CorpusFiles listed = folder ? list_corpus_files(corpus_) : CorpusFiles{{corpus_}, {}};
+  CorpusFiles listed;
+  if (folder) {
+    listed = list_corpus_files(corpus_);
+  } else {
+    try {
+      listed.files.push_back(stat_corpus_file(corpus_));
+    } catch (const UnreadableFile& e) {
+      throw std::runtime_error(e.what());
+    }
+  }
 
   SqliteDatabase::Transaction transaction(db_);
   // An index made for another corpus, another chunking or an older layout starts over.
@@ -204,15 +210,14 @@ SyncReport CorpusIndex::sync(const ChunkOptions& chunking, const LoadOptions& lo
   SyncReport report;
   const fs::path key_root = folder ? corpus_ : corpus_.parent_path();
   for (std::size_t n = 0; n < listed.files.size(); ++n) {
-    const fs::path& file = listed.files[n];
+    const CorpusFile& listed_file = listed.files[n];
+    const fs::path& file = listed_file.path;
     if (progress) progress("Indexing", n, listed.files.size());
     const std::string key = file_key(file, key_root);
-    struct stat info {};
-    const bool stated = ::stat(file.c_str(), &info) == 0;
     const auto it = known.find(key);
     if (it != known.end()) it->second.seen = true;
-    if (stated && it != known.end() && it->second.size == info.st_size &&
-        it->second.mtime == modified_ns(info)) {
+    if (it != known.end() && it->second.size == listed_file.size &&
+        it->second.mtime == listed_file.modified_ns) {
       continue;
     }
     std::string text;
@@ -227,7 +232,7 @@ SyncReport CorpusIndex::sync(const ChunkOptions& chunking, const LoadOptions& lo
     const auto digest = sha256(text);
     const std::string hash(reinterpret_cast<const char*>(digest.data()), digest.size());
     if (it != known.end() && it->second.hash == hash) {
-      touch.bind(1, static_cast<std::int64_t>(info.st_size)).bind(2, modified_ns(info));
+      touch.bind(1, listed_file.size).bind(2, listed_file.modified_ns);
       touch.bind(3, it->second.id).run();
       continue;
     }
@@ -241,8 +246,8 @@ SyncReport CorpusIndex::sync(const ChunkOptions& chunking, const LoadOptions& lo
     // path was spelled; links are made whole when chunks are read back.
     const bool linked = !(fs::path(key).extension() == ".jsonl");
     const auto chunks = chunk_file(fs::path(key), std::move(text), chunking);
-    add_file.bind(1, key).bind(2, static_cast<std::int64_t>(info.st_size));
-    add_file.bind(3, modified_ns(info)).bind_blob(4, bytes(hash)).run();
+    add_file.bind(1, key).bind(2, listed_file.size);
+    add_file.bind(3, listed_file.modified_ns).bind_blob(4, bytes(hash)).run();
     const std::int64_t file_id = db_.last_insert_id();
     for (const auto& chunk : chunks) {
       add_chunk.bind(1, file_id).bind(2, chunk->id);
@@ -261,6 +266,14 @@ SyncReport CorpusIndex::sync(const ChunkOptions& chunking, const LoadOptions& lo
     }
   }
   if (load.strict && !listed.problems.empty()) throw std::runtime_error(listed.problems.front());
+  // Counting 170,000 chunks takes milliseconds, so the count is kept with the index.
+  if (report.added + report.changed + report.removed > 0 || !stored_count()) {
+    SqliteDatabase::Statement count(db_, "SELECT COUNT(*) FROM chunks");
+    count.step();
+    SqliteDatabase::Statement keep(db_,
+                                   "INSERT OR REPLACE INTO meta(key, value) VALUES('chunks', ?)");
+    keep.bind(1, std::to_string(count.integer(0))).run();
+  }
   transaction.commit();
   if (progress) progress("Indexing", listed.files.size(), listed.files.size());
 
@@ -276,7 +289,14 @@ SyncReport CorpusIndex::sync(const ChunkOptions& chunking, const LoadOptions& lo
   return report;
 }
 
+std::optional<std::size_t> CorpusIndex::stored_count() {
+  SqliteDatabase::Statement read(db_, "SELECT value FROM meta WHERE key = 'chunks'");
+  if (!read.step()) return std::nullopt;
+  return static_cast<std::size_t>(std::stoull(std::string(read.text(0))));
+}
+
 std::size_t CorpusIndex::chunk_count() {
+  if (const auto count = stored_count()) return *count;
   SqliteDatabase::Statement count(db_, "SELECT COUNT(*) FROM chunks");
   count.step();
   return static_cast<std::size_t>(count.integer(0));

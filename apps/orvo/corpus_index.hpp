@@ -96,6 +96,7 @@ class CorpusIndex {
   std::vector<Ranked> nearest(std::span<const float> vector, std::string_view model, std::size_t k);
   std::shared_ptr<orvo_core::Chunk> load_chunk(std::int64_t id);
   void clear();
+  std::optional<std::size_t> stored_count();
 
   SqliteDatabase db_;
   std::filesystem::path corpus_;
