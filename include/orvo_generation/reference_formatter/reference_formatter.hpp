@@ -71,6 +71,12 @@ class BaseReferenceFormatter : public orvo_core::Component {
       const orvo_core::Any& references, const Chunks& relevant_chunks,
       std::shared_ptr<orvo_core::EventEmitter> event_emitter);
 
+  /// The relevance step of `format_reference`, with the invocation's emitter at hand for
+  /// formatters that report on the way (batch failures, scores). The base awaits
+  /// `_get_relevant_chunks` and emits nothing.
+  virtual orvo_core::Awaitable<Chunks> _select_relevant_chunks(
+      std::string response, Chunks chunks, std::shared_ptr<orvo_core::EventEmitter> event_emitter);
+
   /// The chunks relevant to `response`, as a new list of the given chunks. Abstract; the base's
   /// body raises `NotImplementedError`.
   virtual orvo_core::Awaitable<Chunks> _get_relevant_chunks(std::string response,

@@ -225,7 +225,8 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::_run(orvo_core::Kwargs kwargs)
 
 orvo_core::Awaitable<Any> BaseReferenceFormatter::format_reference(
     std::string response, Chunks chunks, std::shared_ptr<EventEmitter> event_emitter) {
-  Chunks relevant_chunks = co_await _get_relevant_chunks(std::move(response), std::move(chunks));
+  Chunks relevant_chunks =
+      co_await _select_relevant_chunks(std::move(response), std::move(chunks), event_emitter);
   Any references;
   if (stringify) {
     references = _format_as_string(relevant_chunks);
@@ -258,6 +259,11 @@ orvo_core::Awaitable<void> BaseReferenceFormatter::stream_references(
     co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
                                  orvo_core::EventType::DATA);
   }
+}
+
+orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_select_relevant_chunks(
+    std::string response, Chunks chunks, std::shared_ptr<EventEmitter> /*event_emitter*/) {
+  co_return co_await _get_relevant_chunks(std::move(response), std::move(chunks));
 }
 
 orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_get_relevant_chunks(std::string /*response*/,
