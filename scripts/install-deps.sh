@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that orvo needs to build, test and benchmark (python3-venv for
 # `pip install .` into a venv; python3-numpy, with OpenBLAS rather than the reference BLAS, for
-# the binding benchmark). Idempotent and quiet when everything is present; runs apt-get (as
+# the binding benchmark; cmark, a CommonMark parser, for the test that renders Markdown
+# references). Idempotent and quiet when everything is present; runs apt-get (as
 # root, or through sudo) only for what is missing.
 set -euo pipefail
 
@@ -9,7 +10,7 @@ packages=(
   g++ cmake ninja-build python3 clang-14 libclang-rt-14-dev
   libboost1.81-dev libboost-json1.81-dev libtsl-ordered-map-dev libhwy-dev libssl-dev openssl
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  python3-dev pybind11-dev python3-venv python3-numpy libopenblas0-pthread
+  python3-dev pybind11-dev python3-venv python3-numpy libopenblas0-pthread cmark
 )
 
 missing=()

@@ -7,6 +7,7 @@
 #include "orvo_core/constants.hpp"
 #include "orvo_core/errors.hpp"
 #include "orvo_core/text.hpp"
+#include "orvo_generation/reference_formatter/markdown_reference.hpp"
 #include "orvo_generation/reference_formatter/prefetch.hpp"
 
 namespace orvo_generation::reference_formatter {
@@ -54,7 +55,9 @@ namespace {
 // write the reference text directly instead of going through a list of entry values.
 class ChunkReference {
  public:
-  explicit ChunkReference(Any metadata_map) : metadata_map_(std::move(metadata_map)) {}
+  // `markdown`: escape titles and encode addresses (see format_chunk_as_markdown).
+  ChunkReference(Any metadata_map, bool markdown)
+      : metadata_map_(std::move(metadata_map)), markdown_(markdown) {}
 
   // The metadata keys of the title and the address, as the map names them now (null: none).
   [[nodiscard]] std::pair<const Any*, const Any*> keys() const {
@@ -72,36 +75,46 @@ class ChunkReference {
   }
 
   // The entry's text form: "[title](url)", or the title alone when there is no address.
-  static void append(std::string& out, const Any* title, const Any* url) {
-    if (url == nullptr || !url->truthy()) {
-      if (title != nullptr) {
-        title->append_str(out);
-      } else {
-        out += "None";
-      }
-      return;
-    }
-    out.push_back('[');
-    if (title != nullptr) {
-      title->append_str(out);
-    } else {
-      out += "None";
-    }
+  void append(std::string& out, const Any* title, const Any* url) const {
+    const bool linked = url != nullptr && url->truthy();
+    if (linked) out.push_back('[');
+    append_value(out, title, linked ? Part::LinkText : Part::Text);
+    if (!linked) return;
     out += "](";
-    url->append_str(out);
+    append_value(out, url, Part::Destination);
     out.push_back(')');
   }
 
   Any operator()(const Chunk& chunk) const {
     const auto [title, url] = fields(chunk, keys());
-    if (url == nullptr || !url->truthy()) return title != nullptr ? *title : Any();
+    if (url == nullptr || !url->truthy()) {
+      if (title == nullptr) return {};
+      if (!markdown_) return *title;
+    }
     std::string entry;
     append(entry, title, url);
     return entry;
   }
 
  private:
+  enum class Part : std::uint8_t { Text, LinkText, Destination };
+
+  void append_value(std::string& out, const Any* value, Part part) const {
+    if (!markdown_) {
+      if (value != nullptr) {
+        value->append_str(out);
+      } else {
+        out += "None";
+      }
+      return;
+    }
+    const std::string text = value != nullptr ? value->str() : "None";
+    out += part == Part::Destination ? encode_link_destination(text)
+                                     : escape_markdown_text(text, part == Part::Text);
+  }
+
   Any metadata_map_;
+  bool markdown_;
 };
 
 void append_number(std::string& out, std::size_t n) {
@@ -155,7 +168,7 @@ std::string render_references(const Chunks& chunks, const ChunkReference& refere
     out.push_back('\n');
     append_number(out, i + 1);
     out += ". ";
-    ChunkReference::append(out, fields[i].first, fields[i].second);
+    reference.append(out, fields[i].first, fields[i].second);
   }
   return out;
 }
@@ -163,7 +176,11 @@ std::string render_references(const Chunks& chunks, const ChunkReference& refere
 }  // namespace
 
 FormatChunkFunc format_chunk_as_string(Any metadata_map) {
-  return ChunkReference(std::move(metadata_map));
+  return ChunkReference(std::move(metadata_map), false);
+}
+
+FormatChunkFunc format_chunk_as_markdown(Any metadata_map) {
+  return ChunkReference(std::move(metadata_map), true);
 }
 
 std::string reference_payload(std::string_view data_value) {
