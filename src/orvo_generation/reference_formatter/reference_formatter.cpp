@@ -1,6 +1,7 @@
 #include "orvo_generation/reference_formatter/reference_formatter.hpp"
 
 #include <charconv>
+#include <cstdint>
 #include <typeinfo>
 #include <utility>
 
@@ -9,6 +10,7 @@
 #include "orvo_core/text.hpp"
 #include "orvo_generation/reference_formatter/markdown_reference.hpp"
 #include "orvo_generation/reference_formatter/prefetch.hpp"
+#include "orvo_generation/reference_formatter/reference_entry.hpp"
 
 namespace orvo_generation::reference_formatter {
 
@@ -49,6 +51,41 @@ std::string format_references_as_string(const List& formatted_chunks) {
   return out;
 }
 
+namespace detail {
+
+namespace {
+
+// Where a value goes in an entry: bare text, a link's text, or its destination.
+enum class Part : std::uint8_t { Text, LinkText, Destination };
+
+void append_part(std::string& out, const Any* value, bool markdown, Part part) {
+  if (!markdown) {
+    if (value != nullptr) {
+      value->append_str(out);
+    } else {
+      out += "None";
+    }
+    return;
+  }
+  const std::string text = value != nullptr ? value->str() : "None";
+  out += part == Part::Destination ? encode_link_destination(text)
+                                   : escape_markdown_text(text, part == Part::Text);
+}
+
+}  // namespace
+
+void append_entry(std::string& out, const Any* title, const Any* url, bool markdown) {
+  const bool linked = url != nullptr && url->truthy();
+  if (linked) out.push_back('[');
+  append_part(out, title, markdown, linked ? Part::LinkText : Part::Text);
+  if (!linked) return;
+  out += "](";
+  append_part(out, url, markdown, Part::Destination);
+  out.push_back(')');
+}
+
+}  // namespace detail
+
 namespace {
 
 // The default chunk formatter. A named type, so that `_format_as_string` can recognise it and
@@ -74,15 +111,8 @@ class ChunkReference {
     return {value(keys.first), value(keys.second)};
   }
 
-  // The entry's text form: "[title](url)", or the title alone when there is no address.
   void append(std::string& out, const Any* title, const Any* url) const {
-    const bool linked = url != nullptr && url->truthy();
-    if (linked) out.push_back('[');
-    append_value(out, title, linked ? Part::LinkText : Part::Text);
-    if (!linked) return;
-    out += "](";
-    append_value(out, url, Part::Destination);
-    out.push_back(')');
+    detail::append_entry(out, title, url, markdown_);
   }
 
   Any operator()(const Chunk& chunk) const {
@@ -97,22 +127,6 @@ class ChunkReference {
   }
 
  private:
-  enum class Part : std::uint8_t { Text, LinkText, Destination };
-
-  void append_value(std::string& out, const Any* value, Part part) const {
-    if (!markdown_) {
-      if (value != nullptr) {
-        value->append_str(out);
-      } else {
-        out += "None";
-      }
-      return;
-    }
-    const std::string text = value != nullptr ? value->str() : "None";
-    out += part == Part::Destination ? encode_link_destination(text)
-                                     : escape_markdown_text(text, part == Part::Text);
-  }
-
   Any metadata_map_;
   bool markdown_;
 };
