@@ -41,6 +41,10 @@ extern const orvo_core::Any DEFAULT_FORMAT_CHUNK_METADATA_MAP;
 /// The JSON text of a reference event: {"data_type": "reference", "data_value": <value>}.
 [[nodiscard]] std::string reference_payload(std::string_view data_value);
 
+/// The JSON text of another data event: {"data_type": <data_type>, "data_value": <data_value as
+/// JSON>}.
+[[nodiscard]] std::string data_payload(std::string_view data_type, orvo_core::Any data_value);
+
 /// Abstract base of the reference formatters: checks the inputs, asks the subclass for the
 /// relevant chunks, renders them and streams what it yields to the event emitter.
 class BaseReferenceFormatter : public orvo_core::Component {

@@ -14,7 +14,6 @@
 #include <boost/asio/use_awaitable.hpp>
 
 #include "orvo_core/errors.hpp"
-#include "orvo_core/json.hpp"
 #include "orvo_core/utils/similarity.hpp"
 
 namespace orvo_generation::reference_formatter {
@@ -55,10 +54,7 @@ std::string failure_payload(std::size_t batch, std::size_t first, std::size_t co
   value.emplace("chunks", count);
   value.emplace("policy", to_string(policy));
   value.emplace("error", std::move(error));
-  orvo_core::Map payload;
-  payload.emplace("data_type", "reference_batch_failure");
-  payload.emplace("data_value", std::move(value));
-  return orvo_core::to_json(payload);
+  return data_payload("reference_batch_failure", std::move(value));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "orvo_core/constants.hpp"
 #include "orvo_core/errors.hpp"
+#include "orvo_core/json.hpp"
 #include "orvo_core/text.hpp"
 #include "orvo_generation/reference_formatter/markdown_reference.hpp"
 #include "orvo_generation/reference_formatter/prefetch.hpp"
@@ -202,6 +203,13 @@ std::string reference_payload(std::string_view data_value) {
   orvo_core::text::append_json_string(out, data_value);
   out.push_back('}');
   return out;
+}
+
+std::string data_payload(std::string_view data_type, Any data_value) {
+  Map payload;
+  payload.emplace("data_type", data_type);
+  payload.emplace("data_value", std::move(data_value));
+  return orvo_core::to_json(payload);
 }
 
 BaseReferenceFormatter::BaseReferenceFormatter(bool stringify,
