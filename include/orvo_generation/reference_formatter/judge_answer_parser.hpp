@@ -11,7 +11,7 @@ namespace orvo_generation::reference_formatter {
 
 /// Reads a language model's judgement of one batch: `lm_output` is what the request processor
 /// returned for the batch, `reference_metadata` the key that labels its chunks. The result is the
-/// positions (from 0, ascending, each once) of the chunks of `batch_chunks` that it selects. An
+/// positions (from 0, in any order) of the chunks of `batch_chunks` that it selects. An
 /// answer that cannot be read is an error, which the formatter treats as the batch's failure.
 using JudgeAnswerParser = std::function<std::vector<std::size_t>(
     const orvo_core::Any& lm_output, const Chunks& batch_chunks,

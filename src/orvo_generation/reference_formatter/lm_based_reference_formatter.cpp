@@ -36,11 +36,13 @@ std::int64_t batch_step(const Any& batch_size) {
   return step;
 }
 
+// The error's first line: a host's errors carry a traceback after it.
 std::string describe(const std::exception_ptr& error) {
   try {
     std::rethrow_exception(error);
   } catch (const std::exception& e) {
-    return e.what();
+    const std::string_view what = e.what();
+    return std::string(what.substr(0, what.find('\n')));
   } catch (...) {
     return "unknown error";
   }
@@ -196,9 +198,12 @@ orvo_core::Awaitable<void> LMBasedReferenceFormatter::judge_batch(
     const Any lm_output =
         co_await lm_request_processor->process_variables(std::move(prompt_kwargs));
     const Any key = reference_metadata;
-    const std::vector<std::size_t> selected = answer_parser
-                                                  ? answer_parser(lm_output, batch_chunks, key)
-                                                  : read_judge_answer(lm_output, batch_chunks, key);
+    std::vector<std::size_t> selected = answer_parser
+                                            ? answer_parser(lm_output, batch_chunks, key)
+                                            : read_judge_answer(lm_output, batch_chunks, key);
+    // Whatever a parser returns, the batch keeps its input order and each chunk once.
+    std::sort(selected.begin(), selected.end());
+    selected.erase(std::unique(selected.begin(), selected.end()), selected.end());
     Chunks& kept = judgement->kept[batch];
     for (const std::size_t i : selected) {
       if (i >= batch_chunks.size()) {
