@@ -46,6 +46,10 @@ class SimilarityBasedReferenceFormatter : public BaseReferenceFormatter {
   std::shared_ptr<orvo_inference::BaseEMInvoker> em_invoker;  ///< Embeds response and contents.
   double threshold;            ///< The lowest score at which a chunk is kept.
   bool stream_scores = false;  ///< Whether the scores are streamed before the references.
+
+ private:
+  orvo_core::Awaitable<Chunks> stream_scored(
+      std::string response, Chunks chunks, std::shared_ptr<orvo_core::EventEmitter> event_emitter);
 };
 
 }  // namespace orvo_generation::reference_formatter

@@ -92,10 +92,11 @@ struct LMBasedReferenceFormatter::Judgement {
   Chunks chunks;
   std::size_t size = 0;  // chunks per batch
   BatchFailurePolicy policy = BatchFailurePolicy::RAISE;
-  std::vector<Chunks> kept;                        // per batch
+  std::vector<char> kept;                          // per chunk: whether its batch keeps it
   std::vector<std::optional<std::string>> errors;  // per batch, when it failed
-  std::size_t next = 0;                            // the next batch to send
-  bool stop = false;                               // a batch raised: send no more
+  std::size_t batches = 0;
+  std::size_t next = 0;  // the next batch to send
+  bool stop = false;     // a batch raised: send no more
 
   [[nodiscard]] std::size_t first(std::size_t batch) const { return batch * size; }
   [[nodiscard]] std::size_t count(std::size_t batch) const {
@@ -103,19 +104,19 @@ struct LMBasedReferenceFormatter::Judgement {
   }
 };
 
+// These two are no coroutines: they hand over the awaitable of the call they choose.
 orvo_core::Awaitable<Chunks> LMBasedReferenceFormatter::_select_relevant_chunks(
     std::string response, Chunks chunks, std::shared_ptr<orvo_core::EventEmitter> event_emitter) {
   const BatchFailurePolicy policy = on_batch_failure;
   if (policy == BatchFailurePolicy::RAISE) {
-    co_return co_await _get_relevant_chunks(std::move(response), std::move(chunks));
+    return _get_relevant_chunks(std::move(response), std::move(chunks));
   }
-  co_return co_await judge(std::move(response), std::move(chunks), std::move(event_emitter),
-                           policy);
+  return judge(std::move(response), std::move(chunks), std::move(event_emitter), policy);
 }
 
 orvo_core::Awaitable<Chunks> LMBasedReferenceFormatter::_get_relevant_chunks(std::string response,
                                                                              Chunks chunks) {
-  co_return co_await judge(std::move(response), std::move(chunks), nullptr, on_batch_failure);
+  return judge(std::move(response), std::move(chunks), nullptr, on_batch_failure);
 }
 
 orvo_core::Awaitable<Chunks> LMBasedReferenceFormatter::judge(
@@ -132,7 +133,8 @@ orvo_core::Awaitable<Chunks> LMBasedReferenceFormatter::judge(
   judgement->size = static_cast<std::size_t>(step);
   judgement->policy = policy;
   const std::size_t batches = (judgement->chunks.size() + judgement->size - 1) / judgement->size;
-  judgement->kept.resize(batches);
+  judgement->batches = batches;
+  judgement->kept.resize(judgement->chunks.size());
   judgement->errors.resize(batches);
   const std::size_t workers =
       max_concurrency > 1 ? std::min(static_cast<std::size_t>(max_concurrency), batches) : 1;
@@ -157,8 +159,8 @@ orvo_core::Awaitable<Chunks> LMBasedReferenceFormatter::judge(
     }
   }
   Chunks relevant_chunks;
-  for (const Chunks& kept : judgement->kept) {
-    relevant_chunks.insert(relevant_chunks.end(), kept.begin(), kept.end());
+  for (std::size_t i = 0; i < judgement->chunks.size(); ++i) {
+    if (judgement->kept[i] != 0) relevant_chunks.push_back(judgement->chunks[i]);
   }
   if (event_emitter) {
     for (std::size_t b = 0; b < batches; ++b) {
@@ -174,7 +176,7 @@ orvo_core::Awaitable<Chunks> LMBasedReferenceFormatter::judge(
 
 orvo_core::Awaitable<void> LMBasedReferenceFormatter::judge_batches(
     std::shared_ptr<Judgement> judgement) {
-  while (!judgement->stop && judgement->next < judgement->kept.size()) {
+  while (!judgement->stop && judgement->next < judgement->batches) {
     const std::size_t batch = judgement->next++;
     try {
       co_await judge_batch(judgement, batch);
@@ -198,31 +200,30 @@ orvo_core::Awaitable<void> LMBasedReferenceFormatter::judge_batch(
     const Any lm_output =
         co_await lm_request_processor->process_variables(std::move(prompt_kwargs));
     const Any key = reference_metadata;
-    std::vector<std::size_t> selected = answer_parser
-                                            ? answer_parser(lm_output, batch_chunks, key)
-                                            : read_judge_answer(lm_output, batch_chunks, key);
-    // Whatever a parser returns, the batch keeps its input order and each chunk once.
-    std::sort(selected.begin(), selected.end());
-    selected.erase(std::unique(selected.begin(), selected.end()), selected.end());
-    Chunks& kept = judgement->kept[batch];
+    // Marks, not a list: whatever order a parser returns, the batch keeps its input order.
+    const std::vector<std::size_t> selected = answer_parser
+                                                  ? answer_parser(lm_output, batch_chunks, key)
+                                                  : read_judge_answer(lm_output, batch_chunks, key);
+    char* kept = judgement->kept.data() + judgement->first(batch);
     for (const std::size_t i : selected) {
       if (i >= batch_chunks.size()) {
         throw orvo_core::ValueError("the answer parser selected entry " + std::to_string(i) +
                                     " of a batch of " + std::to_string(batch_chunks.size()));
       }
-      kept.push_back(batch_chunks[i]);
+      kept[i] = 1;
     }
     co_return;
   } catch (...) {
     if (judgement->policy == BatchFailurePolicy::RAISE) throw;
     failure = std::current_exception();
   }
-  judgement->kept[batch].clear();
+  char* kept = judgement->kept.data() + judgement->first(batch);
+  std::fill(kept, kept + batch_chunks.size(), 0);
   // A cancelled call is no failed batch: the cancellation goes on to the caller.
   const auto state = co_await boost::asio::this_coro::cancellation_state;
   if (state.cancelled() != boost::asio::cancellation_type::none) std::rethrow_exception(failure);
   judgement->errors[batch] = describe(failure);
-  if (judgement->policy == BatchFailurePolicy::KEEP) judgement->kept[batch] = batch_chunks;
+  if (judgement->policy == BatchFailurePolicy::KEEP) std::fill(kept, kept + batch_chunks.size(), 1);
   if (judgement->policy != BatchFailurePolicy::SIMILARITY) co_return;
   // The response and the batch's contents in one request, which the frame outlives.
   std::vector<std::string_view> texts;
@@ -240,7 +241,7 @@ orvo_core::Awaitable<void> LMBasedReferenceFormatter::judge_batch(
       rows.dim());
   const std::vector<double> scores = orvo_core::cosine(rows[0], contents);
   for (std::size_t i = 0; i < batch_chunks.size(); ++i) {
-    if (scores[i] >= fallback_threshold) judgement->kept[batch].push_back(batch_chunks[i]);
+    kept[i] = scores[i] >= fallback_threshold ? 1 : 0;
   }
 }
 

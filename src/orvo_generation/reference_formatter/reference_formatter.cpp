@@ -52,41 +52,6 @@ std::string format_references_as_string(const List& formatted_chunks) {
   return out;
 }
 
-namespace detail {
-
-namespace {
-
-// Where a value goes in an entry: bare text, a link's text, or its destination.
-enum class Part : std::uint8_t { Text, LinkText, Destination };
-
-void append_part(std::string& out, const Any* value, bool markdown, Part part) {
-  if (!markdown) {
-    if (value != nullptr) {
-      value->append_str(out);
-    } else {
-      out += "None";
-    }
-    return;
-  }
-  const std::string text = value != nullptr ? value->str() : "None";
-  out += part == Part::Destination ? encode_link_destination(text)
-                                   : escape_markdown_text(text, part == Part::Text);
-}
-
-}  // namespace
-
-void append_entry(std::string& out, const Any* title, const Any* url, bool markdown) {
-  const bool linked = url != nullptr && url->truthy();
-  if (linked) out.push_back('[');
-  append_part(out, title, markdown, linked ? Part::LinkText : Part::Text);
-  if (!linked) return;
-  out += "](";
-  append_part(out, url, markdown, Part::Destination);
-  out.push_back(')');
-}
-
-}  // namespace detail
-
 namespace {
 
 // The default chunk formatter. A named type, so that `_format_as_string` can recognise it and
@@ -300,9 +265,11 @@ orvo_core::Awaitable<void> BaseReferenceFormatter::stream_references(
   }
 }
 
+// Not a coroutine: it hands over `_get_relevant_chunks`'s own awaitable, without a frame of its
+// own.
 orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_select_relevant_chunks(
     std::string response, Chunks chunks, std::shared_ptr<EventEmitter> /*event_emitter*/) {
-  co_return co_await _get_relevant_chunks(std::move(response), std::move(chunks));
+  return _get_relevant_chunks(std::move(response), std::move(chunks));
 }
 
 orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_get_relevant_chunks(std::string /*response*/,
