@@ -4,6 +4,8 @@ from typing import Protocol, runtime_checkable
 
 from orvo_core._native import (
     BaseLMInvoker,
+    BudgetReport,
+    ContextBudget,
     BaseOutputParser,
     ExtractiveRequestProcessor,
     JsonOutputParser,
@@ -12,6 +14,7 @@ from orvo_core._native import (
     PromptTemplate,
     TextOutputParser,
     UsesLM,
+    estimate_tokens,
 )
 
 
@@ -26,6 +29,8 @@ class SupportsProcess(Protocol):
 
 
 __all__ = [
+    "BudgetReport",
+    "ContextBudget",
     "ExtractiveRequestProcessor",
     "JsonOutputParser",
     "LMRequestProcessor",
@@ -34,5 +39,6 @@ __all__ = [
     "SupportsProcess",
     "TextOutputParser",
     "UsesLM",
+    "estimate_tokens",
 ]
 

@@ -1,5 +1,5 @@
-from collections.abc import Mapping, Sequence
-from typing import Any, Protocol, runtime_checkable
+from collections.abc import Callable, Mapping, Sequence
+from typing import Any, ClassVar, Protocol, runtime_checkable
 
 from orvo_core.event import SupportsEmit
 from orvo_core.schema import Object, PendingCall
@@ -13,10 +13,59 @@ class UsesLM:
 
     def __init__(self) -> None: ...
 
+def estimate_tokens(text: str) -> int:
+    """One token per four characters, rounded up."""
+
+class BudgetReport:
+    """What a context budget did to a context."""
+
+    @property
+    def budget(self) -> int: ...
+    @property
+    def tokens(self) -> int: ...
+    @property
+    def pieces(self) -> int: ...
+    @property
+    def truncated(self) -> int | None: ...
+    @property
+    def dropped(self) -> list[int]: ...
+    def changed(self) -> bool: ...
+
+class ContextBudget:
+    """Caps the stuffed context of a prompt at a number of tokens."""
+
+    class Policy:
+        DROP: ClassVar[ContextBudget.Policy]
+        TRUNCATE: ClassVar[ContextBudget.Policy]
+        @property
+        def name(self) -> str: ...
+
+    max_tokens: int
+    policy: ContextBudget.Policy
+    variable: str
+    separator: str
+    def __init__(
+        self,
+        max_tokens: int,
+        policy: ContextBudget.Policy = ...,
+        variable: str = "context",
+        *,
+        separator: str = "\n\n",
+        count_tokens: Callable[[str], int] | None = None,
+    ) -> None: ...
+    def apply(self, context: Any) -> tuple[str, BudgetReport]: ...
+
 class PromptTemplate:
     """System and user templates with {named} placeholders."""
 
-    def __init__(self, system_template: str = "", user_template: str = "") -> None: ...
+    context_budget: ContextBudget | None
+    def __init__(
+        self,
+        system_template: str = "",
+        user_template: str = "",
+        *,
+        context_budget: ContextBudget | None = None,
+    ) -> None: ...
     @property
     def system_template(self) -> str: ...
     @property

@@ -2,13 +2,16 @@
 // asynchronous operations with `async def` and the text hooks with plain methods.
 
 #include <array>
+#include <tuple>
 #include <type_traits>
 
 #include <pybind11/eval.h>
 #include <pybind11/stl.h>
 
+#include "chunk_lists.hpp"
 #include "orvo_core/errors.hpp"
 #include "orvo_generation/reference_formatter.hpp"
+#include "orvo_generation/reference_formatter/judge_answer_parser.hpp"
 #include "orvo_generation/reference_formatter/reference_formatter.hpp"
 #include "orvo_generation/response_synthesizer.hpp"
 #include "orvo_generation/response_synthesizer/response_synthesizer.hpp"
@@ -23,8 +26,6 @@ using orvo_core::Chunk;
 using orvo_core::EventEmitter;
 using rf::Chunks;
 using rs::StaticListResponseSynthesizer;
-
-namespace {
 
 py::object chunks_to_py(const Chunks& chunks) {
   py::list out(chunks.size());
@@ -51,6 +52,8 @@ Chunks chunks_from_py(py::handle value) {
   }
   return chunks;
 }
+
+namespace {
 
 py::object chunk_to_py(const Chunk& chunk) {
   return py::cast(&chunk, py::return_value_policy::reference);
@@ -223,6 +226,13 @@ class PySimilarity : public PyFormatter<rf::SimilarityBasedReferenceFormatter> {
     co_return co_await PyFormatter::_get_relevant_chunks(std::move(response), std::move(chunks));
   }
 
+  orvo_core::Awaitable<Chunks> _select_relevant_chunks(
+      std::string response, Chunks chunks, std::shared_ptr<EventEmitter> event_emitter) override {
+    if (!chunks.empty()) check_threshold();
+    co_return co_await PyFormatter::_select_relevant_chunks(std::move(response), std::move(chunks),
+                                                            std::move(event_emitter));
+  }
+
   /// Raises `TypeError` when the threshold given is not a number.
   void check_threshold() const {
     if (!odd_threshold) return;
@@ -244,6 +254,8 @@ class PySimilarity : public PyFormatter<rf::SimilarityBasedReferenceFormatter> {
 class PyLMFormatter : public PyFormatter<rf::LMBasedReferenceFormatter> {
  public:
   using PyFormatter::PyFormatter;
+
+  std::shared_ptr<GilObject> answer_parser_callable;  ///< What `answer_parser` shows.
 
   [[nodiscard]] std::string _format_batch_context(const Chunks& chunks) const override {
     const py::gil_scoped_acquire gil;
@@ -442,6 +454,51 @@ bool flag(const py::object& value) {
   return truthy(value);
 }
 
+// The module's judge-answer readers, which a formatter given one of them calls directly.
+py::object* parse_judge_answer_function = nullptr;
+py::object* read_judge_answer_function = nullptr;
+
+void set_answer_parser(rf::LMBasedReferenceFormatter& self, const py::object& parser) {
+  auto* python = dynamic_cast<PyLMFormatter*>(&self);
+  if (python != nullptr) {
+    python->answer_parser_callable =
+        parser.is_none() ? nullptr : std::make_shared<GilObject>(parser);
+  }
+  if (parser.is_none()) {
+    self.answer_parser = {};
+  } else if (parser.is(*parse_judge_answer_function)) {
+    self.answer_parser = rf::parse_judge_answer;
+  } else if (parser.is(*read_judge_answer_function)) {
+    self.answer_parser = rf::read_judge_answer;
+  } else {
+    auto held = std::make_shared<GilObject>(parser);
+    self.answer_parser = [held](const Any& lm_output, const Chunks& batch, const Any& key) {
+      const py::gil_scoped_acquire gil;
+      const py::object positions = held->get()(to_py(lm_output), chunks_to_py(batch), to_py(key));
+      std::vector<std::size_t> selected;
+      for (py::handle position : py::iter(positions)) {
+        selected.push_back(position.cast<std::size_t>());
+      }
+      return selected;
+    };
+  }
+}
+
+py::object answer_parser_value(const rf::LMBasedReferenceFormatter& self) {
+  const auto* python = dynamic_cast<const PyLMFormatter*>(&self);
+  if (python != nullptr && python->answer_parser_callable) {
+    return python->answer_parser_callable->get();
+  }
+  return py::none();
+}
+
+orvo_core::Awaitable<py::object> scored_result(orvo_core::Awaitable<rf::ScoredChunks> work,
+                                               std::shared_ptr<void> keep) {
+  rf::ScoredChunks scored = co_await std::move(work);
+  keep.reset();
+  co_return py::cast(std::move(scored));
+}
+
 void bind_reference_formatters(py::module_& m) {
   Home home(m);
   home.set("orvo_generation.reference_formatter.reference_formatter");
@@ -534,18 +591,32 @@ void bind_reference_formatters(py::module_& m) {
       "Keeps the chunks whose content embedding is similar enough to the response's.")
       .def(py::init([](const py::object& em_invoker, const py::object& threshold,
                        const py::object& stringify, const py::object& references,
-                       const py::object& chunk, const py::object& map,
-                       const py::object& streamable) {
+                       const py::object& chunk, const py::object& map, const py::object& streamable,
+                       bool stream_scores) {
              auto self = std::make_shared<PySimilarity>(
                  invoker_from_py(em_invoker), rf::DEFAULT_THRESHOLD, flag(stringify),
                  references_func(references), chunk_func(chunk), Any(), flag(streamable));
              self->set_threshold(threshold);
+             self->stream_scores = stream_scores;
              return configured(std::move(self), references, chunk, map);
            }),
            py::arg("em_invoker"), py::arg("threshold") = rf::DEFAULT_THRESHOLD,
            py::arg("stringify") = true, py::arg("format_references_func") = py::none(),
            py::arg("format_chunk_func") = py::none(),
-           py::arg("format_chunk_metadata_map") = py::none(), py::arg("streamable") = true)
+           py::arg("format_chunk_metadata_map") = py::none(), py::arg("streamable") = true,
+           py::kw_only(), py::arg("stream_scores") = false)
+      .def_readwrite("stream_scores", &Similarity::stream_scores)
+      .def(
+          "score_chunks",
+          [](std::shared_ptr<Similarity> self, std::string response, const py::object& chunks) {
+            Chunks given = chunks_from_py(chunks);
+            const auto* python = dynamic_cast<const PySimilarity*>(self.get());
+            if (python != nullptr && !given.empty()) python->check_threshold();
+            orvo_core::Awaitable<rf::ScoredChunks> work =
+                self->score_chunks(std::move(response), std::move(given));
+            return Pending(scored_result(std::move(work), keep_alive(self)));
+          },
+          py::arg("response"), py::arg("chunks"))
       .def_property(
           "threshold",
           [](const Similarity& self) -> py::object {
@@ -578,27 +649,78 @@ void bind_reference_formatters(py::module_& m) {
           },
           py::arg("response"), py::arg("chunks"));
 
+  home.set("orvo_generation.reference_formatter.judge_answer_parser");
+  for (const auto& [name, reader, doc] :
+       {std::tuple{"parse_judge_answer", &rf::parse_judge_answer,
+                   "Reads a judge's answer leniently: the positions of the batch's chunks it "
+                   "selects."},
+        std::tuple{"read_judge_answer", &rf::read_judge_answer,
+                   "Reads a judge's answer strictly: a map whose entry lists the labels it "
+                   "selects."}}) {
+    m.def(
+        name,
+        [reader = reader](const py::object& lm_output, const py::object& batch_chunks,
+                          const py::object& reference_metadata) {
+          return reader(to_any_detached(lm_output), chunks_from_py(batch_chunks),
+                        to_any_detached(reference_metadata));
+        },
+        py::arg("lm_output"), py::arg("batch_chunks"), py::arg("reference_metadata"), doc);
+  }
+  parse_judge_answer_function = new py::object(m.attr("parse_judge_answer"));
+  read_judge_answer_function = new py::object(m.attr("read_judge_answer"));
+
   using LM = rf::LMBasedReferenceFormatter;
   home.set("orvo_generation.reference_formatter.lm_based_reference_formatter");
+  py::enum_<rf::BatchFailurePolicy>(m, "BatchFailurePolicy",
+                                    "What a batch whose judging failed keeps.")
+      .value("RAISE", rf::BatchFailurePolicy::RAISE)
+      .value("DROP", rf::BatchFailurePolicy::DROP)
+      .value("KEEP", rf::BatchFailurePolicy::KEEP)
+      .value("SIMILARITY", rf::BatchFailurePolicy::SIMILARITY);
   py::class_<LM, Base, orvo_inference::UsesLM, PyLMFormatter, std::shared_ptr<LM>>(
       m, "LMBasedReferenceFormatter",
       "Lets a language model judge which chunks are relevant, a batch at a time.")
       .def(py::init([](const py::object& processor, const py::object& batch_size,
                        const py::object& reference_metadata, const py::object& stringify,
                        const py::object& references, const py::object& chunk, const py::object& map,
-                       const py::object& streamable) {
-             return configured(
-                 std::make_shared<PyLMFormatter>(
-                     processor_from_py(processor), to_any_detached(batch_size),
-                     to_any_detached(reference_metadata), flag(stringify),
-                     references_func(references), chunk_func(chunk), Any(), flag(streamable)),
-                 references, chunk, map);
+                       const py::object& streamable, std::int64_t max_concurrency,
+                       rf::BatchFailurePolicy on_batch_failure, const py::object& answer_parser,
+                       const py::object& fallback_em_invoker, double fallback_threshold) {
+             auto self = std::make_shared<PyLMFormatter>(
+                 processor_from_py(processor), to_any_detached(batch_size),
+                 to_any_detached(reference_metadata), flag(stringify), references_func(references),
+                 chunk_func(chunk), Any(), flag(streamable));
+             self->max_concurrency = max_concurrency;
+             self->on_batch_failure = on_batch_failure;
+             set_answer_parser(*self, answer_parser);
+             if (!fallback_em_invoker.is_none()) {
+               self->fallback_em_invoker = invoker_from_py(fallback_em_invoker);
+             }
+             self->fallback_threshold = fallback_threshold;
+             return configured(std::move(self), references, chunk, map);
            }),
            py::arg("lm_request_processor"), py::arg("batch_size") = rf::DEFAULT_BATCH_SIZE,
            py::arg("reference_metadata") = rf::DEFAULT_REFERENCE_METADATA,
            py::arg("stringify") = true, py::arg("format_references_func") = py::none(),
            py::arg("format_chunk_func") = py::none(),
-           py::arg("format_chunk_metadata_map") = py::none(), py::arg("streamable") = true)
+           py::arg("format_chunk_metadata_map") = py::none(), py::arg("streamable") = true,
+           py::kw_only(), py::arg("max_concurrency") = 1,
+           py::arg_v("on_batch_failure", rf::BatchFailurePolicy::RAISE, "BatchFailurePolicy.RAISE"),
+           py::arg("answer_parser") = py::none(), py::arg("fallback_em_invoker") = py::none(),
+           py::arg("fallback_threshold") = rf::DEFAULT_THRESHOLD)
+      .def_readwrite("max_concurrency", &LM::max_concurrency)
+      .def_readwrite("on_batch_failure", &LM::on_batch_failure)
+      .def_readwrite("fallback_threshold", &LM::fallback_threshold)
+      .def_property("answer_parser", &answer_parser_value, &set_answer_parser)
+      .def_property(
+          "fallback_em_invoker",
+          [](const LM& self) -> py::object {
+            if (!self.fallback_em_invoker) return py::none();
+            return collaborator_to_py(self.fallback_em_invoker);
+          },
+          [](LM& self, const py::object& value) {
+            self.fallback_em_invoker = value.is_none() ? nullptr : invoker_from_py(value);
+          })
       .def_property(
           "lm_request_processor",
           [](const LM& self) { return collaborator_to_py(self.lm_request_processor); },
@@ -745,6 +867,7 @@ bool reads_key(const orvo_core::Component& component, std::string_view name) {
 }
 
 void bind_generation(py::module_& m) {
+  bind_reference_tools(m);
   bind_reference_formatters(m);
   bind_response_synthesizers(m);
 }

@@ -97,10 +97,64 @@ void bind_inference(py::module_& m) {
       m, "UsesLM", "Marks a component that uses a language model.")
       .def(py::init<>());
 
+  py::class_<inf::BudgetReport>(m, "BudgetReport", "What a context budget did to a context.")
+      .def_readonly("budget", &inf::BudgetReport::budget)
+      .def_readonly("tokens", &inf::BudgetReport::tokens)
+      .def_readonly("pieces", &inf::BudgetReport::pieces)
+      .def_readonly("truncated", &inf::BudgetReport::truncated)
+      .def_readonly("dropped", &inf::BudgetReport::dropped)
+      .def("changed", &inf::BudgetReport::changed);
+  py::class_<inf::ContextBudget> budget(
+      m, "ContextBudget", "Caps the stuffed context of a prompt at a number of tokens.");
+  py::enum_<inf::ContextBudget::Policy>(budget, "Policy")
+      .value("DROP", inf::ContextBudget::Policy::DROP)
+      .value("TRUNCATE", inf::ContextBudget::Policy::TRUNCATE);
+  budget
+      .def(
+          py::init([](std::size_t max_tokens, inf::ContextBudget::Policy policy,
+                      std::string variable, std::string separator, const py::object& count_tokens) {
+            inf::ContextBudget self(max_tokens, policy, std::move(variable));
+            self.separator = std::move(separator);
+            if (!count_tokens.is_none()) {
+              auto held = std::make_shared<GilObject>(count_tokens);
+              self.count_tokens = [held](std::string_view text) {
+                const py::gil_scoped_acquire gil;
+                return held->get()(to_py_str(text)).cast<std::size_t>();
+              };
+            }
+            return self;
+          }),
+          py::arg("max_tokens"),
+          py::arg_v("policy", inf::ContextBudget::Policy::DROP, "ContextBudget.Policy.DROP"),
+          py::arg("variable") = "context", py::kw_only(), py::arg("separator") = "\n\n",
+          py::arg("count_tokens") = py::none())
+      .def_readwrite("max_tokens", &inf::ContextBudget::max_tokens)
+      .def_readwrite("policy", &inf::ContextBudget::policy)
+      .def_readwrite("variable", &inf::ContextBudget::variable)
+      .def_readwrite("separator", &inf::ContextBudget::separator)
+      .def(
+          "apply",
+          [](const inf::ContextBudget& self, const py::object& context) {
+            inf::BudgetReport report;
+            std::string text = self.apply(to_any_detached(context), report);
+            return py::make_tuple(to_py_str(text), report);
+          },
+          py::arg("context"));
+  m.def(
+      "estimate_tokens", [](const py::object& text) { return inf::estimate_tokens(to_utf8(text)); },
+      py::arg("text"), "One token per four characters, rounded up.");
+
   py::class_<inf::PromptTemplate>(m, "PromptTemplate",
                                   "System and user templates with {named} placeholders.")
-      .def(py::init<std::string, std::string>(), py::arg("system_template") = "",
-           py::arg("user_template") = "")
+      .def(py::init([](std::string system_template, std::string user_template,
+                       std::optional<inf::ContextBudget> context_budget) {
+             inf::PromptTemplate self(std::move(system_template), std::move(user_template));
+             self.context_budget = std::move(context_budget);
+             return self;
+           }),
+           py::arg("system_template") = "", py::arg("user_template") = "", py::kw_only(),
+           py::arg("context_budget") = py::none())
+      .def_readwrite("context_budget", &inf::PromptTemplate::context_budget)
       .def_property_readonly("system_template", &inf::PromptTemplate::system_template)
       .def_property_readonly("user_template", &inf::PromptTemplate::user_template)
       .def("variables", &inf::PromptTemplate::variables);

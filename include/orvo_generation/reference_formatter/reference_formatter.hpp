@@ -41,6 +41,10 @@ extern const orvo_core::Any DEFAULT_FORMAT_CHUNK_METADATA_MAP;
 /// The JSON text of a reference event: {"data_type": "reference", "data_value": <value>}.
 [[nodiscard]] std::string reference_payload(std::string_view data_value);
 
+/// The JSON text of another data event: {"data_type": <data_type>, "data_value": <data_value as
+/// JSON>}.
+[[nodiscard]] std::string data_payload(std::string_view data_type, orvo_core::Any data_value);
+
 /// Abstract base of the reference formatters: checks the inputs, asks the subclass for the
 /// relevant chunks, renders them and streams what it yields to the event emitter.
 class BaseReferenceFormatter : public orvo_core::Component {
@@ -70,6 +74,12 @@ class BaseReferenceFormatter : public orvo_core::Component {
   orvo_core::Awaitable<void> stream_references(
       const orvo_core::Any& references, const Chunks& relevant_chunks,
       std::shared_ptr<orvo_core::EventEmitter> event_emitter);
+
+  /// The relevance step of `format_reference`, with the invocation's emitter at hand for
+  /// formatters that report on the way (batch failures, scores). The base awaits
+  /// `_get_relevant_chunks` and emits nothing.
+  virtual orvo_core::Awaitable<Chunks> _select_relevant_chunks(
+      std::string response, Chunks chunks, std::shared_ptr<orvo_core::EventEmitter> event_emitter);
 
   /// The chunks relevant to `response`, as a new list of the given chunks. Abstract; the base's
   /// body raises `NotImplementedError`.

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "orvo_generation/reference_formatter/reference_formatter.hpp"
+#include "orvo_generation/reference_formatter/scored_chunks.hpp"
 #include "orvo_inference/em_invoker/em_invoker.hpp"
 
 namespace orvo_generation::reference_formatter {
@@ -27,8 +28,28 @@ class SimilarityBasedReferenceFormatter : public BaseReferenceFormatter {
   /// invoker that returns another number of embeddings than contents is a `ValueError`.
   orvo_core::Awaitable<Chunks> _get_relevant_chunks(std::string response, Chunks chunks) override;
 
+  /// The same decision with everything behind it: the kept chunks with their scores and ranks,
+  /// every candidate's score, the best rejected score and the content embeddings. Same requests
+  /// and errors as `_get_relevant_chunks`.
+  orvo_core::Awaitable<ScoredChunks> score_chunks(std::string response, Chunks chunks);
+
+  /// `_get_relevant_chunks`; with `stream_scores`, the scores go to the emitter as well: for
+  /// each kept chunk, by rank, an INFO DATA event `{"data_type": "reference_score",
+  /// "data_value": {"rank": 1, "score": 0.83, "position": <in the candidates, from 0>,
+  /// "reference": <its entry>}}`; when none is kept but some was scored, one
+  /// `{"data_type": "reference_below_threshold", "data_value": {"threshold": 0.5,
+  /// "best_rejected_score": 0.42}}` (null when every score was NaN).
+  orvo_core::Awaitable<Chunks> _select_relevant_chunks(
+      std::string response, Chunks chunks,
+      std::shared_ptr<orvo_core::EventEmitter> event_emitter) override;
+
   std::shared_ptr<orvo_inference::BaseEMInvoker> em_invoker;  ///< Embeds response and contents.
-  double threshold;  ///< The lowest score at which a chunk is kept.
+  double threshold;            ///< The lowest score at which a chunk is kept.
+  bool stream_scores = false;  ///< Whether the scores are streamed before the references.
+
+ private:
+  orvo_core::Awaitable<Chunks> stream_scored(
+      std::string response, Chunks chunks, std::shared_ptr<orvo_core::EventEmitter> event_emitter);
 };
 
 }  // namespace orvo_generation::reference_formatter

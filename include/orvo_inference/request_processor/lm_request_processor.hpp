@@ -25,7 +25,10 @@ class LMRequestProcessor : public orvo_core::Object {
   /// is absent or a list of turns (see `PromptTemplate::format`); `event_emitter` receives the
   /// reply as it streams; the multimodal contents are absent or lists. The result is the parsed
   /// output. A missing prompt variable is a `ValueError`; the invoker's and the parser's errors
-  /// reach the caller unchanged.
+  /// reach the caller unchanged. When the prompt's context budget changed the context, the
+  /// emitter first gets an INFO DATA event `{"data_type": "context_budget", "data_value":
+  /// {"variable": "context", "budget": 1000, "tokens": 990, "pieces": 8, "truncated": 5,
+  /// "dropped": [6, 7]}}` (`truncated` null when no piece was cut).
   virtual orvo_core::Awaitable<orvo_core::Any> process(
       std::shared_ptr<orvo_core::Map> prompt_kwargs, orvo_core::Any history = {},
       std::shared_ptr<orvo_core::EventEmitter> event_emitter = nullptr,

@@ -3,7 +3,13 @@ import orvo_generation.reference_formatter.reference_formatter  # noqa: F401 - a
 from orvo_core._native import (
     DEFAULT_BATCH_SIZE,
     DEFAULT_REFERENCE_METADATA,
+    BatchFailurePolicy,
     LMBasedReferenceFormatter,
 )
 
-__all__ = ["DEFAULT_BATCH_SIZE", "DEFAULT_REFERENCE_METADATA", "LMBasedReferenceFormatter"]
+__all__ = [
+    "DEFAULT_BATCH_SIZE",
+    "DEFAULT_REFERENCE_METADATA",
+    "BatchFailurePolicy",
+    "LMBasedReferenceFormatter",
+]

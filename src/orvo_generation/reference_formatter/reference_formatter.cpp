@@ -1,13 +1,17 @@
 #include "orvo_generation/reference_formatter/reference_formatter.hpp"
 
 #include <charconv>
+#include <cstdint>
 #include <typeinfo>
 #include <utility>
 
 #include "orvo_core/constants.hpp"
 #include "orvo_core/errors.hpp"
+#include "orvo_core/json.hpp"
 #include "orvo_core/text.hpp"
+#include "orvo_generation/reference_formatter/markdown_reference.hpp"
 #include "orvo_generation/reference_formatter/prefetch.hpp"
+#include "orvo_generation/reference_formatter/reference_entry.hpp"
 
 namespace orvo_generation::reference_formatter {
 
@@ -54,7 +58,9 @@ namespace {
 // write the reference text directly instead of going through a list of entry values.
 class ChunkReference {
  public:
-  explicit ChunkReference(Any metadata_map) : metadata_map_(std::move(metadata_map)) {}
+  // `markdown`: escape titles and encode addresses (see format_chunk_as_markdown).
+  ChunkReference(Any metadata_map, bool markdown)
+      : metadata_map_(std::move(metadata_map)), markdown_(markdown) {}
 
   // The metadata keys of the title and the address, as the map names them now (null: none).
   [[nodiscard]] std::pair<const Any*, const Any*> keys() const {
@@ -71,30 +77,16 @@ class ChunkReference {
     return {value(keys.first), value(keys.second)};
   }
 
-  // The entry's text form: "[title](url)", or the title alone when there is no address.
-  static void append(std::string& out, const Any* title, const Any* url) {
-    if (url == nullptr || !url->truthy()) {
-      if (title != nullptr) {
-        title->append_str(out);
-      } else {
-        out += "None";
-      }
-      return;
-    }
-    out.push_back('[');
-    if (title != nullptr) {
-      title->append_str(out);
-    } else {
-      out += "None";
-    }
-    out += "](";
-    url->append_str(out);
-    out.push_back(')');
+  void append(std::string& out, const Any* title, const Any* url) const {
+    detail::append_entry(out, title, url, markdown_);
   }
 
   Any operator()(const Chunk& chunk) const {
     const auto [title, url] = fields(chunk, keys());
-    if (url == nullptr || !url->truthy()) return title != nullptr ? *title : Any();
+    if (url == nullptr || !url->truthy()) {
+      if (title == nullptr) return {};
+      if (!markdown_) return *title;
+    }
     std::string entry;
     append(entry, title, url);
     return entry;
@@ -102,6 +94,7 @@ class ChunkReference {
 
  private:
   Any metadata_map_;
+  bool markdown_;
 };
 
 void append_number(std::string& out, std::size_t n) {
@@ -155,7 +148,7 @@ std::string render_references(const Chunks& chunks, const ChunkReference& refere
     out.push_back('\n');
     append_number(out, i + 1);
     out += ". ";
-    ChunkReference::append(out, fields[i].first, fields[i].second);
+    reference.append(out, fields[i].first, fields[i].second);
   }
   return out;
 }
@@ -163,7 +156,11 @@ std::string render_references(const Chunks& chunks, const ChunkReference& refere
 }  // namespace
 
 FormatChunkFunc format_chunk_as_string(Any metadata_map) {
-  return ChunkReference(std::move(metadata_map));
+  return ChunkReference(std::move(metadata_map), false);
+}
+
+FormatChunkFunc format_chunk_as_markdown(Any metadata_map) {
+  return ChunkReference(std::move(metadata_map), true);
 }
 
 std::string reference_payload(std::string_view data_value) {
@@ -171,6 +168,13 @@ std::string reference_payload(std::string_view data_value) {
   orvo_core::text::append_json_string(out, data_value);
   out.push_back('}');
   return out;
+}
+
+std::string data_payload(std::string_view data_type, Any data_value) {
+  Map payload;
+  payload.emplace("data_type", data_type);
+  payload.emplace("data_value", std::move(data_value));
+  return orvo_core::to_json(payload);
 }
 
 BaseReferenceFormatter::BaseReferenceFormatter(bool stringify,
@@ -225,7 +229,8 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::_run(orvo_core::Kwargs kwargs)
 
 orvo_core::Awaitable<Any> BaseReferenceFormatter::format_reference(
     std::string response, Chunks chunks, std::shared_ptr<EventEmitter> event_emitter) {
-  Chunks relevant_chunks = co_await _get_relevant_chunks(std::move(response), std::move(chunks));
+  Chunks relevant_chunks =
+      co_await _select_relevant_chunks(std::move(response), std::move(chunks), event_emitter);
   Any references;
   if (stringify) {
     references = _format_as_string(relevant_chunks);
@@ -258,6 +263,13 @@ orvo_core::Awaitable<void> BaseReferenceFormatter::stream_references(
     co_await event_emitter->emit(std::move(value), orvo_core::EventLevel::INFO,
                                  orvo_core::EventType::DATA);
   }
+}
+
+// Not a coroutine: it hands over `_get_relevant_chunks`'s own awaitable, without a frame of its
+// own.
+orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_select_relevant_chunks(
+    std::string response, Chunks chunks, std::shared_ptr<EventEmitter> /*event_emitter*/) {
+  return _get_relevant_chunks(std::move(response), std::move(chunks));
 }
 
 orvo_core::Awaitable<Chunks> BaseReferenceFormatter::_get_relevant_chunks(std::string /*response*/,

@@ -154,6 +154,23 @@ PromptTemplate::PromptTemplate(std::string system_template, std::string user_tem
 std::vector<ChatMessage> PromptTemplate::format(const Map& variables, const Any& history,
                                                 const Any& system_multimodal_contents,
                                                 const Any& user_multimodal_contents) const {
+  BudgetReport report;
+  return format(variables, history, system_multimodal_contents, user_multimodal_contents, report);
+}
+
+std::vector<ChatMessage> PromptTemplate::format(const Map& given, const Any& history,
+                                                const Any& system_multimodal_contents,
+                                                const Any& user_multimodal_contents,
+                                                BudgetReport& report) const {
+  report = BudgetReport{};
+  const Any* context = context_budget ? orvo_core::find(given, context_budget->variable) : nullptr;
+  // The budgeted context goes into a copy of the map: the caller's stays as it is.
+  std::optional<Map> budgeted;
+  if (context != nullptr) {
+    budgeted.emplace(given);
+    (*budgeted)[context_budget->variable] = context_budget->apply(*context, report);
+  }
+  const Map& variables = budgeted ? *budgeted : given;
   std::vector<ChatMessage> messages;
   if (!system_template_.empty() || system_multimodal_contents.truthy()) {
     messages.push_back(ChatMessage{

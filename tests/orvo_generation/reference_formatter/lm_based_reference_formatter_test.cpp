@@ -1,15 +1,25 @@
 #include "orvo_generation/reference_formatter/lm_based_reference_formatter.hpp"
 
+#include <algorithm>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <boost/asio/bind_cancellation_slot.hpp>
+#include <boost/asio/cancellation_signal.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include "orvo_core/errors.hpp"
+#include "support/async_fakes.hpp"
 #include "support/chunks.hpp"
+#include "support/fake_em_invoker.hpp"
 #include "support/fake_lm_request_processor.hpp"
+#include "support/recording_emitter.hpp"
 
 namespace {
 
@@ -149,6 +159,128 @@ TEST(lm_based_reference_formatter, a_failing_request_stops_the_remaining_batches
   f.processor->fail_at = 1;
   EXPECT_THROW((void)f.relevant(labelled(3)), std::runtime_error);
   EXPECT_EQ(f.processor->calls.size(), 1U);
+}
+
+// Answers after a delay that shrinks from batch to batch, so later batches answer first; selects
+// the even labels, and fails the batch whose context holds `fail_label`.
+class SlowJudge : public orvo_inference::LMRequestProcessor {
+ public:
+  orvo_core::Awaitable<Any> process(std::shared_ptr<Map> prompt_kwargs, Any /*history*/,
+                                    std::shared_ptr<orvo_core::EventEmitter> /*emitter*/,
+                                    Any /*system*/, Any /*user*/) override {
+    const std::string context = orvo_core::get(*prompt_kwargs, "context").str();
+    peak = std::max(peak, ++in_flight);
+    ++calls;
+    const auto delay = std::chrono::milliseconds(40) - std::chrono::milliseconds(2 * calls);
+    co_await orvo_test::sleep_for(std::max(delay, std::chrono::milliseconds(1)) + extra_delay);
+    --in_flight;
+    if (!fail_label.empty() && context.find(fail_label + "\n") != std::string::npos) {
+      throw std::runtime_error("judge failed");
+    }
+    List even;
+    for (int i = 0; i < 100; i += 2) even.emplace_back("f" + std::to_string(i) + ".pdf");
+    co_return answer(std::move(even));
+  }
+
+  int in_flight = 0;
+  int peak = 0;
+  int calls = 0;
+  std::string fail_label;
+  std::chrono::milliseconds extra_delay{0};
+};
+
+// The contents of the chunks kept, or the error.
+std::string outcome(orvo_core::Awaitable<rf::Chunks> work) {
+  try {
+    std::string kept;
+    for (const auto& chunk : orvo_core::run_sync(std::move(work))) {
+      kept += (kept.empty() ? "" : " ") + chunk->content;
+    }
+    return kept;
+  } catch (const std::exception& e) {
+    return dynamic_cast<const orvo_core::ValueError*>(&e) != nullptr ? "ValueError" : e.what();
+  }
+}
+
+TEST(lm_based_reference_formatter, concurrent_batches_merge_in_input_order) {
+  const struct {
+    std::int64_t concurrency;
+    const char* fail_label;
+    const char* kept;
+    int peak;
+    int most_calls;  // a failure stops the batches not yet sent
+  } cases[] = {{1, "", "c0 c2 c4 c6 c8", 1, 5},
+               {3, "", "c0 c2 c4 c6 c8", 3, 5},
+               {8, "", "c0 c2 c4 c6 c8", 5, 5},
+               {2, "f0.pdf", "judge failed", 2, 3}};
+  for (const auto& c : cases) {
+    const auto judge = std::make_shared<SlowJudge>();
+    judge->fail_label = c.fail_label;
+    rf::LMBasedReferenceFormatter formatter(judge, 2);
+    formatter.max_concurrency = c.concurrency;
+    EXPECT_EQ(outcome(formatter._get_relevant_chunks("r", labelled(10))), c.kept);
+    EXPECT_EQ(judge->peak, c.peak) << c.concurrency;
+    EXPECT_LE(judge->calls, c.most_calls) << c.concurrency;
+  }
+}
+
+TEST(lm_based_reference_formatter, batch_failure_policies_decide_and_report) {
+  const struct {
+    rf::BatchFailurePolicy policy;
+    bool bad_answer;  // else the request raises
+    const char* kept;
+    const char* error;
+  } cases[] = {
+      {rf::BatchFailurePolicy::RAISE, false, "process failed", ""},
+      {rf::BatchFailurePolicy::DROP, false, "c0 c4", "process failed"},
+      {rf::BatchFailurePolicy::DROP, true, "c0 c4",
+       "the language model's answer must be a map, got str"},
+      {rf::BatchFailurePolicy::KEEP, false, "c0 c2 c3 c4", "process failed"},
+      {rf::BatchFailurePolicy::SIMILARITY, false, "c0 c3 c4", "process failed"},
+      {rf::BatchFailurePolicy::SIMILARITY, true, "ValueError", ""},  // no invoker
+  };
+  for (const auto& c : cases) {
+    Fixture f;
+    f.processor->respond = [bad = c.bad_answer](const Map& /*prompt*/, std::size_t i) {
+      if (i == 1 && !bad) throw std::runtime_error("process failed");
+      return i == 1 ? Any("f2.pdf") : answer(List{Any("f0.pdf"), Any("f4.pdf")});
+    };
+    f.formatter.batch_size = 2;
+    f.formatter.on_batch_failure = c.policy;
+    auto invoker = std::make_shared<orvo_test::FakeEMInvoker>();
+    invoker->table = {{"resp", {1, 0}}, {"c2", {0, 1}}, {"c3", {1, 1}}};
+    if (!c.bad_answer) f.formatter.fallback_em_invoker = invoker;
+    const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
+    EXPECT_EQ(outcome(f.formatter._select_relevant_chunks("resp", labelled(6), emitter)), c.kept);
+    const std::string expected =
+        *c.error == '\0'
+            ? ""
+            : R"({"data_type": "reference_batch_failure", "data_value": {"batch": 2, )"
+              R"("first_chunk": 2, "chunks": 2, "policy": ")" +
+                  std::string(rf::to_string(c.policy)) + R"(", "error": ")" + c.error + "\"}}";
+    EXPECT_EQ(emitter->values(),
+              expected.empty() ? std::vector<std::string>{} : std::vector<std::string>{expected});
+  }
+}
+
+TEST(lm_based_reference_formatter, cancelling_the_call_is_no_batch_failure) {
+  for (const std::int64_t concurrency : {1, 4}) {
+    const auto judge = std::make_shared<SlowJudge>();
+    judge->extra_delay = std::chrono::milliseconds(200);
+    rf::LMBasedReferenceFormatter formatter(judge, 2);
+    formatter.max_concurrency = concurrency;
+    formatter.on_batch_failure = rf::BatchFailurePolicy::KEEP;
+    boost::asio::io_context io;
+    boost::asio::cancellation_signal cancel;
+    std::exception_ptr error;
+    const auto done = [&error](std::exception_ptr e, const rf::Chunks&) { error = std::move(e); };
+    boost::asio::co_spawn(io, formatter._get_relevant_chunks("r", labelled(10)),
+                          boost::asio::bind_cancellation_slot(cancel.slot(), done));
+    boost::asio::steady_timer later(io, std::chrono::milliseconds(5));
+    later.async_wait([&cancel](auto) { cancel.emit(boost::asio::cancellation_type::all); });
+    io.run();
+    EXPECT_TRUE(error) << concurrency;
+  }
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "orvo_core/utils/similarity.hpp"
 #include "support/chunks.hpp"
 #include "support/fake_em_invoker.hpp"
+#include "support/recording_emitter.hpp"
 
 namespace {
 
@@ -115,6 +116,35 @@ TEST(similarity_based_reference_formatter, renders_the_kept_chunks_through_the_b
                                            make_chunk("a", "A", "a.md")});
   EXPECT_EQ(orvo_core::run_sync(f.formatter._run(kwargs)),
             orvo_core::Any("References:\n1. [A](a.md)\n2. [B](b.md)"));
+}
+
+TEST(similarity_based_reference_formatter, shows_scores_ranks_and_the_best_rejected_score) {
+  Fixture f;
+  const rf::Chunks chunks{make_chunk("d", "D"), make_chunk("b", "B"), make_chunk("a", "A")};
+  const rf::ScoredChunks scored = orvo_core::run_sync(f.formatter.score_chunks("response", chunks));
+  ASSERT_EQ(scored.kept.size(), 2U);
+  EXPECT_EQ(scored.kept[0].chunk, chunks[2]);
+  EXPECT_EQ(scored.kept[1].rank, 2U);
+  EXPECT_EQ(scored.kept[1].position, 1U);
+  EXPECT_NEAR(scored.kept[1].score, 0.7, 1e-6);
+  EXPECT_EQ(scored.scores.size(), 3U);
+  EXPECT_NEAR(scored.best_rejected_score.value_or(0), 0.2, 1e-6);
+  EXPECT_EQ(scored.embeddings.size(), 3U);
+
+  f.formatter.stream_scores = true;
+  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
+  (void)orvo_core::run_sync(f.formatter.format_reference("response", {chunks[2]}, emitter));
+  f.formatter.threshold = 0.95;
+  (void)orvo_core::run_sync(f.formatter.format_reference("response", chunks, emitter));
+  ASSERT_EQ(emitter->events.size(), 3U) << "score, references, below threshold";
+  EXPECT_TRUE(emitter->values()[0].starts_with(
+      R"({"data_type": "reference_score", "data_value": {"rank": 1, "score": 0.89999)"))
+      << emitter->values()[0];
+  EXPECT_TRUE(emitter->values()[0].ends_with(R"(, "position": 0, "reference": "A"}})"));
+  EXPECT_TRUE(emitter->values()[2].starts_with(
+      R"({"data_type": "reference_below_threshold", "data_value": {"threshold": 0.95, )"
+      R"("best_rejected_score": 0.89999)"))
+      << emitter->values()[2];
 }
 
 }  // namespace

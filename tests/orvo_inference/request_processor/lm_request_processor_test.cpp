@@ -5,6 +5,7 @@
 #include "orvo_core/errors.hpp"
 #include "orvo_inference/errors.hpp"
 #include "orvo_inference/output_parser/json_output_parser.hpp"
+#include "support/recording_emitter.hpp"
 
 namespace {
 
@@ -64,6 +65,23 @@ TEST(lm_request_processor, without_a_parser_the_text_is_the_result) {
                                              std::make_shared<orvo_inference::JsonOutputParser>());
   EXPECT_THROW((void)orvo_core::run_sync(judging.process(prompt_variables())),
                orvo_inference::OutputParserError);
+}
+
+TEST(lm_request_processor, a_context_budget_caps_the_context_and_says_what_it_left_out) {
+  const auto invoker = std::make_shared<ScriptedInvoker>("ok");
+  orvo_inference::LMRequestProcessor processor(orvo_inference::PromptTemplate("{context}", ""),
+                                               invoker);
+  processor.prompt.context_budget = orvo_inference::ContextBudget(4);
+  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
+  auto variables = std::make_shared<orvo_core::Map>();
+  variables->emplace("context", "aaaa\n\nbbbbbbbb\n\ncccc");
+  (void)orvo_core::run_sync(processor.process(variables, Any(), emitter));
+  EXPECT_EQ(invoker->sent[0].content, Any("aaaa\n\nbbbbbbbb"));
+  EXPECT_EQ(orvo_core::get(*variables, "context"), Any("aaaa\n\nbbbbbbbb\n\ncccc"));
+  EXPECT_EQ(emitter->values(),
+            std::vector<std::string>{
+                R"({"data_type": "context_budget", "data_value": {"variable": "context", )"
+                R"("budget": 4, "tokens": 4, "pieces": 3, "truncated": null, "dropped": [2]}})"});
 }
 
 }  // namespace

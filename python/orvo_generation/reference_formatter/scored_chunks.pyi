@@ -1,0 +1,23 @@
+from orvo_core.schema import Chunk
+
+class ScoredChunk:
+    """A kept chunk with its score and rank."""
+
+    @property
+    def chunk(self) -> Chunk: ...
+    @property
+    def score(self) -> float: ...
+    @property
+    def rank(self) -> int: ...
+    @property
+    def position(self) -> int: ...
+
+class ScoredChunks:
+    """The similarity formatter's decision."""
+
+    @property
+    def kept(self) -> list[ScoredChunk]: ...
+    @property
+    def scores(self) -> list[float]: ...
+    @property
+    def best_rejected_score(self) -> float | None: ...
