@@ -52,12 +52,6 @@ constexpr std::int64_t kFullTcache = 7 * (64 * 32 + 16 * (63 * 64 / 2));
 // answer) and "embed <n>" (the contents).
 using Calls = std::vector<std::string>;
 
-struct TurnFault : std::runtime_error {
-  explicit TurnFault(std::size_t turn)
-      : std::runtime_error("turn " + std::to_string(turn) + " failed"), turn(turn) {}
-  std::size_t turn;
-};
-
 // Every number after `mark` in `text`: the turns it names ('#'), the chunks whose titles it
 // shows ('@') or whose contents it holds ('~').
 std::vector<std::size_t> numbers_after(std::string_view text, char mark) {
@@ -100,6 +94,8 @@ struct Turn {
     return out;
   }
   [[nodiscard]] bool fails() const { return fails_at < planned.size(); }
+  // A collaborator's planned failure.
+  [[nodiscard]] std::runtime_error fault() const { return std::runtime_error(tag() + " failed"); }
 };
 
 class Soak {
@@ -185,14 +181,14 @@ class Soak {
     }
     Turn& turn = turns[ids[0]];
     turn.calls.push_back(std::move(label));
-    if (fail && turn.calls.size() - 1 == turn.fails_at) throw TurnFault(turn.id);
+    if (fail && turn.calls.size() - 1 == turn.fails_at) throw turn.fault();
     return turn;
   }
 
   Reply answer(const Map& prompt) {
     Turn& turn = call(Any(prompt).repr(), "answer", false);
     Reply reply{turn.answer_tokens(), turn.answer(), nullptr, turn.streamed};
-    if (turn.fails_at == 0) reply.error = std::make_exception_ptr(TurnFault(turn.id));
+    if (turn.fails_at == 0) reply.error = std::make_exception_ptr(turn.fault());
     return reply;
   }
 
@@ -277,10 +273,8 @@ std::string problems(const Turn& turn) {
     try {
       if (turn.error) std::rethrow_exception(turn.error);
       problem(true, "completed, but a call failed");
-    } catch (const TurnFault& fault) {
-      problem(fault.turn != turn.id, std::string("failed with ") + fault.what());
     } catch (const std::exception& error) {
-      problem(true, std::string("failed with ") + error.what());
+      problem(error.what() != turn.tag() + " failed", std::string("failed with ") + error.what());
     }
   } else {
     problem(turn.error != nullptr, "failed");
