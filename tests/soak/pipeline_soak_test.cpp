@@ -7,6 +7,7 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -314,9 +315,10 @@ std::int64_t heap_in_use() {
 }
 
 // Runs `count` turns, checks each, and destroys everything before checking that nothing lives.
-// Returns how many turns failed, and how many of them in the formatter.
-std::pair<std::size_t, std::size_t> soak(std::size_t count, std::uint32_t seed) {
-  std::pair<std::size_t, std::size_t> failed;
+// Counts the turns that failed, those of them that failed in a formatter, the events and the
+// collaborator calls.
+std::array<std::size_t, 4> soak(std::size_t count, std::uint32_t seed) {
+  std::array<std::size_t, 4> seen{};
   {
     Soak soak(count, seed);
     soak.run();
@@ -325,8 +327,10 @@ std::pair<std::size_t, std::size_t> soak(std::size_t count, std::uint32_t seed) 
     for (const Turn& turn : soak.turns) {
       const std::string found = problems(turn);
       if (!found.empty() && ++bad <= 5) report += "\nturn " + std::to_string(turn.id) + ":" + found;
-      failed.first += turn.fails() ? 1U : 0U;
-      failed.second += turn.fails() && turn.fails_at > 0 ? 1U : 0U;
+      seen[0] += turn.fails() ? 1U : 0U;
+      seen[1] += turn.fails() && turn.fails_at > 0 ? 1U : 0U;
+      seen[2] += turn.emitter->events.size();
+      seen[3] += turn.calls.size();
     }
     EXPECT_EQ(bad, 0U) << report;
     EXPECT_TRUE(soak.misplaced.empty()) << soak.misplaced.size() << " calls named no one turn, "
@@ -337,14 +341,14 @@ std::pair<std::size_t, std::size_t> soak(std::size_t count, std::uint32_t seed) 
   EXPECT_EQ(orvo_test::LiveCounter<DelayedRecordingEmitter>::live(), 0) << "emitters were kept";
   EXPECT_EQ(orvo_test::LiveCounter<AsyncLMRequestProcessor>::live(), 0) << "processors were kept";
   EXPECT_EQ(orvo_test::LiveCounter<AsyncEMInvoker>::live(), 0) << "invokers were kept";
-  return failed;
+  return seen;
 }
 
 TEST(pipeline_soak, ten_thousand_turns_in_flight_each_get_exactly_their_own_work) {
   // A small round first, so that what the libraries allocate once and keep is in the baseline.
   soak(100, 1);
   const std::int64_t heap_before = heap_in_use();
-  const auto [failed, in_formatter] = soak(kTurns, 20'240'611);
+  const auto [failed, in_formatter, events, calls] = soak(kTurns, 20'240'611);
   const std::int64_t heap_after = heap_in_use();
 #if !defined(__SANITIZE_ADDRESS__)  // LeakSanitizer checks at exit instead
   // ctest turns the tcache off for this test, so the heap must come back to within a few
@@ -358,7 +362,7 @@ TEST(pipeline_soak, ten_thousand_turns_in_flight_each_get_exactly_their_own_work
   EXPECT_GT(in_formatter, 0U);
   EXPECT_GT(failed - in_formatter, 0U);
   std::cout << "soak: " << kTurns << " turns, " << failed << " failed (" << in_formatter
-            << " in a formatter)\n";
+            << " in a formatter); " << events << " events and " << calls << " calls checked\n";
 }
 
 }  // namespace
