@@ -28,20 +28,10 @@ namespace orvo_fuzz {
   std::abort();
 }
 
-#define ORVO_FUZZ_CHECK(condition, detail)                  \
-  do {                                                      \
+#define ORVO_FUZZ_CHECK(condition, detail)                   \
+  do {                                                       \
     if (!(condition)) ::orvo_fuzz::fail(#condition, detail); \
   } while (false)
-
-/// Whether a known, reported library fault named `name` is to be tolerated in this run: the
-/// comma-separated names in ORVO_FUZZ_ALLOW. Nothing is tolerated by default.
-inline bool tolerated(std::string_view name) {
-  static const std::string allowed = [] {
-    const char* env = std::getenv("ORVO_FUZZ_ALLOW");
-    return "," + std::string(env != nullptr ? env : "") + ",";
-  }();
-  return allowed.find("," + std::string(name) + ",") != std::string::npos;
-}
 
 /// Bytes as a C-style literal, for failure reports.
 inline std::string escaped(std::string_view bytes, std::size_t limit = 400) {
@@ -151,26 +141,9 @@ inline bool valid_utf8(std::string_view s) {
   return true;
 }
 
-inline void append_utf8(std::string& out, char32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
 /// Pieces that exercise quoting and decoding: quotes, escapes, non-printable and unassigned
 /// code points, and every kind of ill-formed UTF-8.
+// clang-format off
 inline constexpr std::string_view kTextPieces[] = {
     "a", "Z", " ", "'", "\"", "\\", "\n", "\r", "\t", "\b", "\f", std::string_view("\0", 1),
     "\x1f", "\x7f", "\xc2\xa0", "\xc3\xa9", "\xcd\xb8", "\xe2\x80\xa8", "\xe3\x80\x80",
@@ -181,6 +154,7 @@ inline constexpr std::string_view kTextPieces[] = {
     "\xfe", "\xff", "[", "]", "(", ")", "{", "}", "References:", "https://x.y/z", "1. ",
     "file_name", "file_url", "\\udcff", "\\u00e9", "...",
 };
+// clang-format on
 
 /// Builds dynamic values of every kind from the input: scalars, strings of raw bytes, nested
 /// lists and maps, containers shared between several places and containers that hold themselves.
@@ -215,37 +189,34 @@ class ValueBuilder {
 
   orvo_core::Any value(int depth = 0) {
     const bool leaf = depth >= max_depth_;
-    switch (in_.below(leaf ? 6 : 10)) {
-      case 0: return {};
-      case 1: return in_.flag();
-      case 2: return integer();
-      case 3: return floating();
-      case 4:
-      case 5: return string();
-      case 6: return list(depth);
-      case 7: return map(depth);
-      case 8: return shared(depth);
-      default:
-        if (objects_) return objects_(in_, *this, depth + 1);
-        return string();
-    }
+    const std::size_t pick = in_.below(leaf ? 6 : 10);
+    if (pick == 0) return {};
+    if (pick == 1) return in_.flag();
+    if (pick == 2) return integer();
+    if (pick == 3) return floating();
+    if (pick <= 5) return string();
+    if (pick == 6) return list(depth);
+    if (pick == 7) return map(depth);
+    if (pick == 8) return shared(depth);
+    return objects_ ? objects_(in_, *this, depth + 1) : orvo_core::Any(string());
   }
 
   std::int64_t integer() {
-    switch (in_.below(4)) {
-      case 0: return static_cast<std::int8_t>(in_.byte());
-      case 1: return static_cast<std::int64_t>(in_.u64());
-      case 2: return std::numeric_limits<std::int64_t>::min() + in_.byte();
-      default: return std::numeric_limits<std::int64_t>::max() - in_.byte();
-    }
+    const std::size_t pick = in_.below(4);
+    if (pick == 0) return static_cast<std::int8_t>(in_.byte());
+    if (pick == 1) return static_cast<std::int64_t>(in_.u64());
+    if (pick == 2) return std::numeric_limits<std::int64_t>::min() + in_.byte();
+    return std::numeric_limits<std::int64_t>::max() - in_.byte();
   }
 
   double floating() {
+    // clang-format off
     static constexpr double kSpecial[] = {
         0.0, -0.0, 1.0, 0.1, 0.5, 1e16, 1e15, 1e-4, 1e-5, 123456789012345678.0, 9007199254740993.0,
         9223372036854775808.0, -9223372036854775808.0, 5e-324, 1.7976931348623157e308,
         std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
         std::numeric_limits<double>::quiet_NaN()};
+    // clang-format on
     double d = 0;
     if (in_.flag()) {
       d = kSpecial[in_.below(std::size(kSpecial))];
@@ -260,13 +231,15 @@ class ValueBuilder {
   std::string string() {
     if (in_.flag()) return in_.bytes(24);
     std::string out;
-    for (std::size_t n = in_.below(6); n > 0; --n) out += kTextPieces[in_.below(std::size(kTextPieces))];
+    for (std::size_t n = in_.below(6); n > 0; --n)
+      out += kTextPieces[in_.below(std::size(kTextPieces))];
     return out;
   }
 
   std::string key() {
-    static constexpr const char* kKeys[] = {"file_name", "file_url", "title", "url", "query",
-                                            "context", "context_list", "response", "chunks"};
+    static constexpr const char* kKeys[] = {"file_name",    "file_url", "title",
+                                            "url",          "query",    "context",
+                                            "context_list", "response", "chunks"};
     if (in_.flag()) return kKeys[in_.below(std::size(kKeys))];
     return string();
   }

@@ -5,8 +5,7 @@
 #
 #   scripts/run-fuzz.sh [seconds per target] [target...]
 #
-# The time defaults to $ORVO_FUZZ_SECONDS, or 20. ORVO_FUZZ_ALLOW (comma-separated names) lets
-# the targets tolerate known library faults that are still open; see docs/reliability.md.
+# The time defaults to $ORVO_FUZZ_SECONDS, or 20.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-${ORVO_FUZZ_SECONDS:-20}}"

@@ -1,25 +1,6 @@
 #!/usr/bin/env python3
-"""Writes values together with the host's own str(), repr() and reference-event JSON of them.
-
-Usage: any_oracle.py --seed N --count N > PATH
-
-Each line of the output holds one value, as tab-separated fields:
-
-    <value tokens>\t<str hex>\t<repr hex>\t<json hex>
-
-Value tokens are separated by single spaces, in prefix order:
-    N            None
-    T / F        True / False
-    I<decimal>   int (signed 64-bit)
-    D<16 hex>    float, the IEEE-754 bits, most significant first
-    S<hex>       str, as its bytes (invalid UTF-8 stands for the surrogateescape code points)
-    L<n>         list, followed by its n elements
-    M<n>         dict, followed by n key/value pairs; keys are S tokens, a repeated key
-                 assigns again as in a dict display
-
-The three expected texts are hex of their `.encode('utf-8', 'surrogateescape')` bytes. The last
-line is `END <number of values>`, so a cut-short output is noticed.
-"""
+"""Writes generated values with python3's own str(), repr() and reference-event JSON of them,
+in the format that any_differential_test.cpp reads and describes."""
 
 import argparse
 import collections

@@ -12,6 +12,7 @@
 
 #include "orvo_core/errors.hpp"
 #include "orvo_core/schema/chunk.hpp"
+#include "support/expect_throw_msg.hpp"
 
 namespace {
 
@@ -27,33 +28,25 @@ TEST(json, parses_into_values_in_document_order) {
   EXPECT_EQ(orvo_core::parse_json(R"({"a": 1, "b": 2, "a": [3]})").str(), "{'a': [3], 'b': 2}");
 }
 
+// The offset is the original text's, also after escapes of bytes earlier on.
 TEST(json, malformed_text_is_a_value_error_with_an_excerpt) {
-  for (const char* text : {"", "{", "[1,]", "{\"a\" 1}", "nul"}) {
-    EXPECT_THROW((void)orvo_core::parse_json(text), orvo_core::ValueError) << text;
-  }
-  // The offset is the original text's, also after escapes of bytes earlier on.
   const struct {
     std::string text;
-    std::string offset;
+    std::string fragment;
   } cases[] = {
+      {"", ""},
+      {"{", ""},
+      {"nul", ""},
+      {R"({"a" 1})", ""},
       {R"({"answer": oops})", "at offset 11"},
+      {R"({"answer": oops})", "oops"},
       {R"(["\udc80", oops])", "at offset 11"},
       {R"(["\udc80\udcff", "\udc80", oops])", "at offset 27"},
       {"[1,]", "at offset 3"},
       {"[1] 2", "at offset 4"},
   };
   for (const auto& c : cases) {
-    try {
-      (void)orvo_core::parse_json(c.text);
-      ADD_FAILURE() << c.text;
-    } catch (const orvo_core::ValueError& e) {
-      EXPECT_NE(std::string(e.what()).find(c.offset), std::string::npos) << e.what();
-    }
-  }
-  try {
-    (void)orvo_core::parse_json("{\"answer\": oops}");
-  } catch (const orvo_core::ValueError& e) {
-    EXPECT_NE(std::string(e.what()).find("oops"), std::string::npos) << e.what();
+    EXPECT_THROW_MSG(orvo_core::parse_json(c.text), orvo_core::ValueError, c.fragment);
   }
 }
 

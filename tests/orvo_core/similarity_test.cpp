@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdint>
 #include <random>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <hwy/targets.h>
@@ -13,22 +14,24 @@ namespace {
 
 using orvo_core::Embeddings;
 
+// A zero vector, on either side, is similar to nothing.
 TEST(similarity, cosine_scores_each_vector_in_order) {
-  const auto batch = Embeddings::from_rows({{1, 0}, {0, 2}, {-3, 0}, {1, 1}, {0, 0}});
-  const auto scores = orvo_core::cosine(std::vector<float>{2, 0}, batch);
-  ASSERT_EQ(scores.size(), 5U);
-  EXPECT_DOUBLE_EQ(scores[0], 1.0);
-  EXPECT_DOUBLE_EQ(scores[1], 0.0);
-  EXPECT_DOUBLE_EQ(scores[2], -1.0);
-  EXPECT_NEAR(scores[3], 0.7071067811865476, 1e-7);
-  EXPECT_EQ(scores[4], 0.0) << "a zero vector is similar to nothing";
-}
-
-TEST(similarity, zero_query_and_empty_vectors_score_zero) {
-  const auto batch = Embeddings::from_rows({{1, 2}});
-  EXPECT_EQ(orvo_core::cosine(std::vector<float>{0, 0}, batch), std::vector<double>{0.0});
-  const Embeddings empty_rows(std::vector<float>{}, 2, 0);
-  EXPECT_EQ(orvo_core::cosine(std::vector<float>{}, empty_rows), (std::vector<double>{0.0, 0.0}));
+  const struct {
+    std::vector<float> query;
+    Embeddings rows;
+    std::vector<double> scores;
+  } cases[] = {
+      {{2, 0},
+       Embeddings::from_rows({{1, 0}, {0, 2}, {-3, 0}, {1, 1}, {0, 0}}),
+       {1.0, 0.0, -1.0, 0.7071067811865476, 0.0}},
+      {{0, 0}, Embeddings::from_rows({{1, 2}}), {0.0}},
+      {{}, Embeddings(std::vector<float>{}, 2, 0), {0.0, 0.0}},
+  };
+  for (const auto& c : cases) {
+    const auto scores = orvo_core::cosine(c.query, c.rows);
+    ASSERT_EQ(scores.size(), c.scores.size());
+    for (std::size_t i = 0; i < scores.size(); ++i) EXPECT_NEAR(scores[i], c.scores[i], 1e-7);
+  }
 }
 
 TEST(similarity, mismatched_lengths_are_rejected) {

@@ -9,7 +9,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -23,10 +22,10 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
-#include <boost/core/demangle.hpp>
 
 #include "orvo_core/async.hpp"
 #include "orvo_inference/http/http_client.hpp"
+#include "support/expect_throw_msg.hpp"
 #include "support/loopback_server.hpp"
 
 namespace {
@@ -84,8 +83,7 @@ Awaitable<Outcome> attempt(std::shared_ptr<HttpClient> client, Request request,
   try {
     outcome.response = co_await client->send(std::move(request), std::move(observer));
   } catch (const std::exception& e) {
-    const std::string type = boost::core::demangle(typeid(e).name());
-    outcome.error = type.substr(type.rfind(':') + 1) + ": " + e.what();
+    outcome.error = orvo_test::describe(e);
   }
   outcome.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::steady_clock::now() - start);

@@ -6,6 +6,7 @@
 
 #include "orvo_core/json.hpp"
 #include "orvo_inference/errors.hpp"
+#include "support/expect_throw_msg.hpp"
 #include "support/loopback_server.hpp"
 #include "support/recording_emitter.hpp"
 
@@ -86,44 +87,38 @@ TEST(openai_lm_invoker, a_server_that_ignores_streaming_still_answers) {
   EXPECT_TRUE(emitter->values() == std::vector<std::string>{text});
 }
 
-// Expects `Error` from a server that answers `reply`, with `fragment` in its message and never
-// the API key.
-template <class Error>
-void expect_error(const Reply& reply, const char* fragment) {
-  LoopbackServer server([reply](const auto&) { return reply; });
-  auto invoker = invoker_for(server, "sk-secret", std::chrono::milliseconds(300));
-  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
-  try {
-    (void)orvo_core::run_sync(invoker.invoke(kMessages, emitter));
-    ADD_FAILURE() << "no error for " << fragment;
-  } catch (const Error& e) {
-    EXPECT_NE(std::string(e.what()).find(fragment), std::string::npos) << e.what();
-    EXPECT_EQ(std::string(e.what()).find("sk-secret"), std::string::npos) << e.what();
-    EXPECT_EQ(std::string(e.what()).find('\x1b'), std::string::npos) << e.what();
-  }
-}
-
+// Servers echo the request; their text must not show the key nor drive a terminal either.
 TEST(openai_lm_invoker, failures_have_their_own_errors_and_never_show_the_key) {
-  expect_error<orvo_inference::HttpStatusError>(
-      Reply::json(R"({"error": {"message": "model m1 not found"}})", 404),
-      "HTTP 404: model m1 not found");
-  expect_error<orvo_inference::HttpStatusError>(Reply::json("overloaded", 503),
-                                                "HTTP 503: overloaded");
-  expect_error<orvo_inference::HttpStatusError>(
-      Reply::stream({delta("x"), "data: {\"error\": {\"message\": \"boom\"}}\n\n"},
-                    std::chrono::milliseconds(0)),
-      "boom");
-  expect_error<orvo_inference::MalformedReplyError>(Reply::json(R"({"choices": []})"), "choices");
-  // Servers echo the request; their text must not drive a terminal either.
-  expect_error<orvo_inference::HttpStatusError>(
-      Reply::json(R"({"error": "bad key Bearer sk-secret \u001b]0;pwned\u0007"})", 401),
-      "HTTP 401: bad key Bearer [redacted] \\x1b]0;pwned\\x07");
-  expect_error<orvo_inference::HttpStatusError>(
-      Reply{.status = 301, .headers = {{"Location", "https://api.example/v1?k=sk-secret"}}},
-      "redirects to https://api.example/v1?k=[redacted]");
-  expect_error<orvo_inference::TruncatedReplyError>(
-      Reply{.content_type = "text/event-stream", .pieces = {delta("Half")}, .chunked = false},
-      "before the server said it was complete");
+  const struct {
+    Reply reply;
+    std::string error;  // its class, then a part of its message
+  } cases[] = {
+      {Reply::json(R"({"error": {"message": "model m1 not found"}})", 404),
+       "HttpStatusError: HTTP 404: model m1 not found"},
+      {Reply::json("overloaded", 503), "HttpStatusError: HTTP 503: overloaded"},
+      {Reply::stream({delta("x"), "data: {\"error\": {\"message\": \"boom\"}}\n\n"},
+                     std::chrono::milliseconds(0)),
+       "HttpStatusError: boom"},
+      {Reply::json(R"({"choices": []})"), "MalformedReplyError: choices"},
+      {Reply::json(R"({"error": "bad key Bearer sk-secret \u001b]0;pwned\u0007"})", 401),
+       "HttpStatusError: HTTP 401: bad key Bearer [redacted] \\x1b]0;pwned\\x07"},
+      {Reply{.status = 301, .headers = {{"Location", "https://api.example/v1?k=sk-secret"}}},
+       "HttpStatusError: redirects to https://api.example/v1?k=[redacted]"},
+      {Reply{.content_type = "text/event-stream", .pieces = {delta("Half")}, .chunked = false},
+       "TruncatedReplyError: before the server said it was complete"},
+  };
+  for (const auto& c : cases) {
+    LoopbackServer server([&c](const auto&) { return c.reply; });
+    auto invoker = invoker_for(server, "sk-secret", std::chrono::milliseconds(300));
+    const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
+    const std::string error =
+        orvo_test::error_of([&] { (void)orvo_core::run_sync(invoker.invoke(kMessages, emitter)); });
+    const std::string kind = c.error.substr(0, c.error.find(':') + 2);
+    EXPECT_TRUE(error.starts_with(kind)) << error;
+    EXPECT_NE(error.find(c.error.substr(kind.size())), std::string::npos) << error;
+    EXPECT_EQ(error.find("sk-secret"), std::string::npos) << error;
+    EXPECT_EQ(error.find('\x1b'), std::string::npos) << error;
+  }
 }
 
 }  // namespace

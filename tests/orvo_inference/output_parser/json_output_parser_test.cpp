@@ -1,8 +1,11 @@
 #include "orvo_inference/output_parser/json_output_parser.hpp"
 
+#include <string>
+
 #include <gtest/gtest.h>
 
 #include "orvo_inference/errors.hpp"
+#include "support/expect_throw_msg.hpp"
 
 namespace {
 
@@ -18,20 +21,17 @@ TEST(json_output_parser, finds_the_object_in_fences_and_prose) {
   }
 }
 
+// The error quotes the reply, cut short.
 TEST(json_output_parser, anything_else_is_an_error_quoting_the_reply) {
   const orvo_inference::JsonOutputParser parser;
   for (const char* reply : {"", "no json here", "[1, 2]", "{broken", "```json\n[]\n```"}) {
     EXPECT_THROW((void)parser.parse(reply), orvo_inference::OutputParserError) << reply;
   }
-  const std::string long_reply = "I think " + std::string(500, 'x');
-  try {
-    (void)parser.parse(long_reply);
-  } catch (const orvo_inference::OutputParserError& e) {
-    const std::string message = e.what();
-    EXPECT_NE(message.find("'I think xxx"), std::string::npos) << message;
-    EXPECT_NE(message.find("...'"), std::string::npos) << "the excerpt is cut";
-    EXPECT_LT(message.size(), 250U);
-  }
+  const std::string message = orvo_test::thrown_message<orvo_inference::OutputParserError>(
+      [&parser] { (void)parser.parse("I think " + std::string(500, 'x')); });
+  EXPECT_NE(message.find("'I think xxx"), std::string::npos) << message;
+  EXPECT_NE(message.find("...'"), std::string::npos) << message;
+  EXPECT_LT(message.size(), 250U);
 }
 
 }  // namespace
