@@ -22,11 +22,6 @@ using orvo_fuzz::escaped;
 using orvo_fuzz::Input;
 using orvo_fuzz::ValueBuilder;
 
-struct DerivedChunk : orvo_core::Chunk {
-  using Chunk::Chunk;
-};
-struct Opaque : orvo_core::Object {};
-
 // Reads a quoted string literal back into code points; nothing when it is no literal. Which
 // characters are escaped, and how, is the differential test's matter.
 std::optional<std::u32string> unquote(std::string_view q) {
@@ -114,31 +109,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // built, which makes cycles through an object.
   Input in(data, size);
   ValueBuilder pool_builder(in);
-  std::vector<Any> pool{Any(std::make_shared<Opaque>()),
-                        Any(std::make_shared<DerivedChunk>(pool_builder.string()))};
-  for (int i = 0; i < 2; ++i) {
-    orvo_core::Map metadata;
-    std::string key = pool_builder.key();
-    metadata.insert_or_assign(std::move(key), pool_builder.value(3));
-    std::optional<double> score;
-    if (in.flag()) score = pool_builder.floating();
-    std::string content = pool_builder.string();
-    std::string id = pool_builder.string();
-    pool.emplace_back(std::make_shared<orvo_core::Chunk>(std::move(content), std::move(metadata),
-                                                         std::move(id), score));
-  }
+  std::vector<Any> pool{Any(std::make_shared<orvo_fuzz::Opaque>()), Any(pool_builder.chunk(3)),
+                        Any(pool_builder.chunk(3))};
   bool fresh = false;
   const auto objects = [&pool, &fresh](Input& i, ValueBuilder& builder, int depth) -> Any {
     if (i.flag() || depth > 3) return pool[i.below(pool.size())];
     fresh = true;
-    orvo_core::Map metadata;
-    for (std::size_t n = i.below(3); n > 0; --n) {
-      std::string key = builder.key();
-      metadata.insert_or_assign(std::move(key), builder.value(depth));
-    }
-    auto chunk = std::make_shared<orvo_core::Chunk>(builder.string(), std::move(metadata));
-    builder.on_release([chunk] { chunk->metadata.clear(); });
-    return chunk;
+    return builder.chunk(depth);
   };
 
   // Two builds from the same bytes: equal values in distinct containers.

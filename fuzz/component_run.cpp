@@ -35,11 +35,6 @@ using orvo_fuzz::ValueBuilder;
 namespace rf = orvo_generation::reference_formatter;
 namespace rs = orvo_generation::response_synthesizer;
 
-struct DerivedChunk : Chunk {
-  using Chunk::Chunk;
-};
-struct Opaque : orvo_core::Object {};
-
 // The objects that values may hold: chunks of both classes, whose metadata may reach back into
 // the values being built, emitters (some failing, some that record nothing) and others.
 struct World {
@@ -48,7 +43,7 @@ struct World {
 
   Any object(Input& in, ValueBuilder& builder, int depth) {
     const std::size_t pick = in.below(5);
-    if (pick == 0) return std::make_shared<Opaque>();
+    if (pick == 0) return std::make_shared<orvo_fuzz::Opaque>();
     if (pick == 1) return std::make_shared<orvo_core::EventEmitter>();
     if (pick > 2) return chunk(in, builder, depth);
     auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
@@ -59,18 +54,7 @@ struct World {
 
   std::shared_ptr<Chunk> chunk(Input& in, ValueBuilder& builder, int depth) {
     if (!chunks.empty() && in.below(4) == 0) return chunks[in.below(chunks.size())];
-    Map metadata;
-    for (std::size_t n = in.below(4); n > 0; --n) {
-      std::string key = builder.key();
-      metadata.insert_or_assign(std::move(key),
-                                in.flag() ? Any(builder.string()) : builder.value(depth + 1));
-    }
-    std::string content = builder.string();
-    std::shared_ptr<Chunk> made = std::make_shared<Chunk>(std::move(content), std::move(metadata));
-    if (in.below(4) == 0) made = std::make_shared<DerivedChunk>(made->content, made->metadata);
-    if (in.below(4) == 0) made->score = builder.floating();
-    chunks.push_back(made);
-    return made;
+    return chunks.emplace_back(builder.chunk(depth + 1));
   }
 };
 
@@ -272,7 +256,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (!error.empty()) {
     ORVO_FUZZ_CHECK(driver || error == "emit" || sent.empty(), context + " [" + error + "]");
-    for (const auto& chunk : world.chunks) chunk->metadata.clear();
     builder.release();
     return 0;
   }
@@ -343,7 +326,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         status == 2 && own->events.back().value == setup.component->_format_output_event(result),
         context);
   }
-  for (const auto& chunk : world.chunks) chunk->metadata.clear();
   builder.release();
   return 0;
 }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "orvo_core/any.hpp"
+#include "orvo_core/schema/chunk.hpp"
 
 namespace orvo_fuzz {
 
@@ -33,26 +34,23 @@ namespace orvo_fuzz {
     if (!(condition)) ::orvo_fuzz::fail(#condition, detail); \
   } while (false)
 
-/// Bytes as a C-style literal, for failure reports.
+/// Bytes for a failure report: printable ASCII as it is, any other byte as \xNN.
 inline std::string escaped(std::string_view bytes, std::size_t limit = 400) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out = "\"";
-  for (std::size_t i = 0; i < bytes.size() && i < limit; ++i) {
-    const auto c = static_cast<unsigned char>(bytes[i]);
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c >= 0x20 && c < 0x7F) {
-      out += static_cast<char>(c);
-    } else {
-      out += "\\x";
-      out += kHex[c >> 4];
-      out += kHex[c & 0xF];
-    }
+  std::string out;
+  for (const char c : bytes.substr(0, limit)) {
+    char hex[5];
+    std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
+    out += c >= 0x20 && c < 0x7F && c != '\\' ? std::string(1, c) : std::string(hex);
   }
-  if (bytes.size() > limit) out += "...";
-  return out + "\"";
+  return out + (bytes.size() > limit ? "..." : "");
 }
+
+/// A chunk of a derived class and an object of no known class: no path may assume the exact
+/// class of what it is given.
+struct DerivedChunk : orvo_core::Chunk {
+  using Chunk::Chunk;
+};
+struct Opaque : orvo_core::Object {};
 
 /// Reads the fuzz input front to back; once it is used up every read yields zeros, so any input
 /// builds something.
@@ -171,8 +169,9 @@ class ValueBuilder {
   /// Whether a NaN was built.
   [[nodiscard]] bool made_nan() const { return made_nan_; }
 
-  /// Empties every container built, which breaks the reference cycles that would otherwise
-  /// leak: a value that holds itself is never freed by reference counting. Call when done.
+  /// Empties every container and chunk built, which breaks the reference cycles that would
+  /// otherwise leak: a value that holds itself is never freed by reference counting. Call when
+  /// done.
   void release() {
     for (orvo_core::Any& c : done_) {
       if (c.is_list()) {
@@ -181,11 +180,8 @@ class ValueBuilder {
         c.as_map().clear();
       }
     }
-    for (const auto& release_object : object_releasers_) release_object();
+    for (const auto& chunk : chunks_) chunk->metadata.clear();
   }
-
-  /// Registers more cleanup for `release`, for objects that hold values.
-  void on_release(std::function<void()> f) { object_releasers_.push_back(std::move(f)); }
 
   orvo_core::Any value(int depth = 0) {
     const bool leaf = depth >= max_depth_;
@@ -244,6 +240,28 @@ class ValueBuilder {
     return string();
   }
 
+  /// A chunk, at times of a derived class, with an identifier or a score; its metadata holds
+  /// values built at `depth`, which may reach the containers being built.
+  std::shared_ptr<orvo_core::Chunk> chunk(int depth) {
+    orvo_core::Map metadata;
+    for (std::size_t n = in_.below(4); n > 0; --n) {
+      std::string k = key();
+      orvo_core::Any v = value(depth);
+      metadata.insert_or_assign(std::move(k), std::move(v));
+    }
+    std::string content = string();
+    std::shared_ptr<orvo_core::Chunk> made;
+    if (in_.below(4) == 0) {
+      made = std::make_shared<DerivedChunk>(std::move(content), std::move(metadata));
+    } else {
+      made = std::make_shared<orvo_core::Chunk>(std::move(content), std::move(metadata));
+    }
+    if (in_.below(4) == 0) made->id = string();
+    if (in_.below(4) == 0) made->score = floating();
+    chunks_.push_back(made);
+    return made;
+  }
+
   orvo_core::Any list(int depth) {
     auto list = std::make_shared<orvo_core::List>();
     const orvo_core::Any self(list);
@@ -289,7 +307,7 @@ class ValueBuilder {
   bool made_nan_ = false;
   std::vector<orvo_core::Any> open_;  // containers being filled, outermost first
   std::vector<orvo_core::Any> done_;  // containers finished
-  std::vector<std::function<void()>> object_releasers_;
+  std::vector<std::shared_ptr<orvo_core::Chunk>> chunks_;  // chunks built
 };
 
 }  // namespace orvo_fuzz

@@ -1,7 +1,6 @@
 // One pipeline turn as a host drives it: a stuff synthesizer answers, then a similarity-based
 // formatter picks the references, both streaming to one emitter.
 #include <memory>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,6 +9,7 @@
 
 #include "orvo_generation/reference_formatter.hpp"
 #include "orvo_generation/response_synthesizer.hpp"
+#include "support/async_fakes.hpp"
 #include "support/chunks.hpp"
 #include "support/fake_em_invoker.hpp"
 #include "support/recording_emitter.hpp"
@@ -19,30 +19,16 @@ namespace {
 using orvo_core::Any;
 using orvo_core::EventType;
 
-// Streams its answer word by word to the emitter before returning it, as a chat model does.
-class StreamingProcessor : public orvo_inference::LMRequestProcessor {
- public:
-  orvo_core::Awaitable<Any> process(std::shared_ptr<orvo_core::Map> prompt_kwargs, Any /*history*/,
-                                    std::shared_ptr<orvo_core::EventEmitter> event_emitter,
-                                    Any /*system*/, Any /*user*/) override {
-    seen_prompt = Any(prompt_kwargs).str();
-    const std::string answer = "Tides follow the moon.";
-    if (event_emitter) {
-      std::istringstream words(answer);
-      std::string word;
-      for (bool first = true; words >> word; first = false) {
-        std::string token = first ? word : " " + word;
-        co_await event_emitter->emit(std::move(token), orvo_core::EventLevel::INFO,
-                                     EventType::RESPONSE);
-      }
-    }
-    co_return Any(answer);
-  }
-  std::string seen_prompt;
-};
-
 TEST(pipeline_turn, synthesize_then_reference_with_one_emitter) {
-  const auto processor = std::make_shared<StreamingProcessor>();
+  // Streams its answer word by word before returning it, as a chat model does.
+  orvo_test::RandomDelay no_delay(1, std::chrono::microseconds(0));
+  std::string seen_prompt;
+  const auto processor = std::make_shared<orvo_test::AsyncLMRequestProcessor>(
+      no_delay, [&seen_prompt](const orvo_core::Map& prompt) {
+        seen_prompt = Any(prompt).str();
+        return orvo_test::AsyncLMRequestProcessor::Reply{
+            {"Tides", " follow", " the", " moon."}, Any("Tides follow the moon."), nullptr, 0};
+      });
   const auto invoker = std::make_shared<orvo_test::FakeEMInvoker>();
   invoker->table = {{"Tides follow the moon.", {1, 0}},
                     {"The moon pulls the sea.", {0.9F, 0.1F}},
@@ -64,8 +50,7 @@ TEST(pipeline_turn, synthesize_then_reference_with_one_emitter) {
   ask.emplace("event_emitter", emitter);
   const Any response = orvo_core::run_sync(synthesizer.run(ask));
   ASSERT_TRUE(response.is_string());
-  EXPECT_EQ(processor->seen_prompt,
-            "{'context': 'The moon pulls the sea.', 'query': 'Why are there tides?'}");
+  EXPECT_EQ(seen_prompt, "{'context': 'The moon pulls the sea.', 'query': 'Why are there tides?'}");
 
   orvo_core::Kwargs cite;
   cite.emplace("response", response);

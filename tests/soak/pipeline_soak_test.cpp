@@ -7,13 +7,11 @@
 #include <malloc.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <iostream>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -320,10 +318,9 @@ std::int64_t heap_in_use() {
 }
 
 // Runs `count` turns, checks each, and destroys everything before checking that nothing lives.
-// Counts the turns that failed, those of them that failed in a formatter, the events and the
-// collaborator calls.
-std::array<std::size_t, 4> soak(std::size_t count, std::uint32_t seed) {
-  std::array<std::size_t, 4> seen{};
+// Gives how many turns failed in the synthesizer and in a formatter.
+std::pair<std::size_t, std::size_t> soak(std::size_t count, std::uint32_t seed) {
+  std::pair<std::size_t, std::size_t> failed{};
   {
     Soak soak(count, seed);
     soak.run();
@@ -332,10 +329,7 @@ std::array<std::size_t, 4> soak(std::size_t count, std::uint32_t seed) {
     for (const Turn& turn : soak.turns) {
       const std::string found = problems(turn);
       if (!found.empty() && ++bad <= 5) report += "\nturn " + std::to_string(turn.id) + ":" + found;
-      seen[0] += turn.fails() ? 1U : 0U;
-      seen[1] += turn.fails() && turn.fails_at > 0 ? 1U : 0U;
-      seen[2] += turn.emitter->events.size();
-      seen[3] += turn.calls.size();
+      if (turn.fails()) ++(turn.fails_at == 0 ? failed.first : failed.second);
     }
     EXPECT_EQ(bad, 0U) << report;
     EXPECT_TRUE(soak.misplaced.empty()) << soak.misplaced.size() << " calls named no one turn, "
@@ -346,14 +340,14 @@ std::array<std::size_t, 4> soak(std::size_t count, std::uint32_t seed) {
   EXPECT_EQ(orvo_test::LiveCounter<DelayedRecordingEmitter>::live(), 0) << "emitters were kept";
   EXPECT_EQ(orvo_test::LiveCounter<AsyncLMRequestProcessor>::live(), 0) << "processors were kept";
   EXPECT_EQ(orvo_test::LiveCounter<AsyncEMInvoker>::live(), 0) << "invokers were kept";
-  return seen;
+  return failed;
 }
 
 TEST(pipeline_soak, ten_thousand_turns_in_flight_each_get_exactly_their_own_work) {
   // A small round first, so that what the libraries allocate once and keep is in the baseline.
   soak(100, 1);
   const std::int64_t heap_before = heap_in_use();
-  const auto [failed, in_formatter, events, calls] = soak(kTurns, 20'240'611);
+  const auto [in_synthesizer, in_formatter] = soak(kTurns, 20'240'611);
   const std::int64_t heap_after = heap_in_use();
   // ctest turns the tcache off for this test, so the heap must come back to within a few
   // blocks; run by hand, a full cache is allowed for. Under AddressSanitizer, LeakSanitizer
@@ -364,10 +358,8 @@ TEST(pipeline_soak, ten_thousand_turns_in_flight_each_get_exactly_their_own_work
   EXPECT_TRUE(kAddressSanitizer ||
               std::abs(heap_after - heap_before) <= (no_tcache ? 0 : kFullTcache) + 4 * 1024)
       << "heap in use went from " << heap_before << " to " << heap_after << " bytes";
+  EXPECT_GT(in_synthesizer, 0U);
   EXPECT_GT(in_formatter, 0U);
-  EXPECT_GT(failed - in_formatter, 0U);
-  std::cout << "soak: " << kTurns << " turns, " << failed << " failed (" << in_formatter
-            << " in a formatter); " << events << " events and " << calls << " calls checked\n";
 }
 
 }  // namespace

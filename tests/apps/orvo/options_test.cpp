@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/expect_throw_msg.hpp"
+
 namespace {
 
 using orvo_cli::AskOptions;
@@ -92,12 +94,8 @@ TEST(options, bad_command_lines_say_what_is_wrong) {
       {{"--docs=d", "--top-k=", "q"}, "--top-k expects a number, got ''"},
   };
   for (const auto& c : cases) {
-    try {
-      (void)parse(c.args);
-      ADD_FAILURE() << c.message;
-    } catch (const orvo_cli::UsageError& e) {
-      EXPECT_STREQ(e.what(), c.message);
-    }
+    EXPECT_EQ(orvo_test::thrown_message<orvo_cli::UsageError>([&] { (void)parse(c.args); }),
+              c.message);
   }
 }
 

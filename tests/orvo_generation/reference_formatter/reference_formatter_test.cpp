@@ -9,6 +9,7 @@
 
 #include "orvo_core/errors.hpp"
 #include "support/chunks.hpp"
+#include "support/expect_throw_msg.hpp"
 #include "support/recording_emitter.hpp"
 
 namespace {
@@ -148,12 +149,9 @@ TEST(reference_formatter, run_rejects_bad_inputs_with_the_fixed_messages) {
     kwargs.emplace("event_emitter", emitter);
     const std::string before = Any(kwargs).repr();
     SCOPED_TRACE(before);
-    try {
-      (void)run(formatter, kwargs);
-      ADD_FAILURE() << "no error";
-    } catch (const orvo_core::ValueError& e) {
-      EXPECT_STREQ(e.what(), c.message);
-    }
+    EXPECT_EQ(
+        orvo_test::thrown_message<orvo_core::ValueError>([&] { (void)run(formatter, kwargs); }),
+        c.message);
     EXPECT_EQ(formatter.calls, 0);
     EXPECT_TRUE(emitter->events.empty());
     EXPECT_EQ(Any(kwargs).repr(), before) << "the caller's arguments changed";

@@ -8,6 +8,7 @@
 
 #include "orvo_core/errors.hpp"
 #include "orvo_core/json.hpp"
+#include "support/expect_throw_msg.hpp"
 
 namespace {
 
@@ -51,12 +52,9 @@ TEST(prompt_template, broken_templates_and_missing_variables_are_named) {
   for (const char* broken : {"{", "}", "a {b", "a } b", "{}", "{a{b}}"}) {
     EXPECT_THROW(PromptTemplate("", broken), orvo_core::ValueError) << broken;
   }
-  try {
-    (void)PromptTemplate("{context}", "{question}").format(variables());
-    FAIL() << "no error";
-  } catch (const orvo_core::ValueError& e) {
-    EXPECT_STREQ(e.what(), "the prompt variable 'question' is missing");
-  }
+  EXPECT_EQ(orvo_test::thrown_message<orvo_core::ValueError>(
+                [] { (void)PromptTemplate("{context}", "{question}").format(variables()); }),
+            "the prompt variable 'question' is missing");
 }
 
 TEST(prompt_template, history_and_multimodal_contents_become_messages_and_parts) {
