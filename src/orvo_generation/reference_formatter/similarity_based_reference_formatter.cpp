@@ -25,11 +25,9 @@ orvo_core::Awaitable<Chunks> SimilarityBasedReferenceFormatter::_get_relevant_ch
     std::string response, Chunks chunks) {
   if (chunks.empty()) co_return Chunks();
   const orvo_core::Embedding response_embedding = co_await em_invoker->invoke(std::move(response));
-  // Views into the chunks, which this frame keeps alive until the invoker has finished.
-  std::vector<std::string_view> contents;
-  contents.reserve(chunks.size());
-  for (const auto& chunk : chunks) contents.emplace_back(chunk->content);
-  const orvo_core::Embeddings content_embeddings = co_await em_invoker->invoke(std::move(contents));
+  // This frame keeps the chunks alive until their contents are embedded.
+  const std::span<const std::shared_ptr<orvo_core::Chunk>> all(chunks);
+  const orvo_core::Embeddings content_embeddings = co_await _embed_contents(all);
   const std::vector<double> scores = orvo_core::cosine(response_embedding, content_embeddings);
   // The scan pushed the chunks out of the cache; the kept ones are copied and all of them are
   // released next.
@@ -55,6 +53,15 @@ orvo_core::Awaitable<Chunks> SimilarityBasedReferenceFormatter::_get_relevant_ch
   relevant_chunks.reserve(kept.size());
   for (const Scored& s : kept) relevant_chunks.push_back(chunks[s.index]);
   co_return relevant_chunks;
+}
+
+orvo_core::Awaitable<orvo_core::Embeddings> SimilarityBasedReferenceFormatter::_embed_contents(
+    std::span<const std::shared_ptr<orvo_core::Chunk>> chunks) {
+  // Views into the chunks, which the caller keeps alive until the invoker has finished.
+  std::vector<std::string_view> contents;
+  contents.reserve(chunks.size());
+  for (const auto& chunk : chunks) contents.emplace_back(chunk->content);
+  co_return co_await em_invoker->invoke(std::move(contents));
 }
 
 }  // namespace orvo_generation::reference_formatter
