@@ -5,6 +5,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 
 #include "orvo_core/errors.hpp"
@@ -113,6 +114,65 @@ py::str to_py_str(std::string_view text) {
       PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogateescape");
   if (result == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::str>(result);
+}
+
+std::string content_from_py(py::handle value) {
+  py::detail::make_caster<std::string> text;
+  if (!text.load(value, true)) {
+    throw py::type_error("content must be a str, not " +
+                         std::string(py::str(py::type::handle_of(value).attr("__name__"))));
+  }
+  return std::move(static_cast<std::string&>(text));
+}
+
+void PyChunk::set_content(py::handle value) {
+  content = content_from_py(value);
+  if (PyUnicode_CheckExact(value.ptr()) != 0) {
+    text_.reset(py::reinterpret_borrow<py::object>(value));
+    kept_data_ = content.data();
+    kept_size_ = content.size();
+  } else {
+    text_.reset(py::object());
+    kept_data_ = nullptr;
+  }
+}
+
+namespace {
+
+// The string a chunk made from Python keeps for its content; null for other chunks. Only the
+// addresses of the types are compared: comparing their names costs more than a new string.
+PyObject* kept_content(const orvo_core::Chunk& chunk) {
+  if (&typeid(chunk) != &typeid(PyChunk)) return nullptr;
+  return static_cast<const PyChunk&>(chunk).kept_content();
+}
+
+}  // namespace
+
+py::str content_to_py(const orvo_core::Chunk& chunk) {
+  if (PyObject* kept = kept_content(chunk)) return py::reinterpret_borrow<py::str>(kept);
+  return to_py_str(chunk.content);
+}
+
+py::list contents_to_py(std::span<const std::shared_ptr<orvo_core::Chunk>> chunks) {
+  if (chunks.size() >= kPrefetchFrom) {
+    // Chunks and their strings are cold after a batch of embeddings went through the cache.
+    // Fetched in independent passes (the chunk, then its string, whose count is written), the
+    // misses overlap instead of following one another.
+    for (const auto& chunk : chunks) {
+      const auto* object = reinterpret_cast<const char*>(chunk.get());
+      __builtin_prefetch(object);
+      __builtin_prefetch(object + sizeof(orvo_core::Chunk));
+    }
+    for (const auto& chunk : chunks) {
+      if (PyObject* kept = kept_content(*chunk)) __builtin_prefetch(kept, 1);
+    }
+  }
+  py::list texts(chunks.size());
+  for (std::size_t i = 0; i < chunks.size(); ++i) {
+    PyList_SET_ITEM(texts.ptr(), static_cast<Py_ssize_t>(i),
+                    content_to_py(*chunks[i]).release().ptr());
+  }
+  return texts;
 }
 
 // ---- Bridges -----------------------------------------------------------------------------------
