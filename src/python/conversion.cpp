@@ -154,21 +154,20 @@ py::str content_to_py(const orvo_core::Chunk& chunk) {
 }
 
 py::list contents_to_py(std::span<const std::shared_ptr<orvo_core::Chunk>> chunks) {
-  if (chunks.size() >= kPrefetchFrom) {
+  const std::size_t size = chunks.size();
+  py::list texts(size);
+  for (std::size_t i = 0; i < size; ++i) {
     // Chunks and their strings are cold after a batch of embeddings went through the cache.
-    // Fetched in independent passes (the chunk, then its string, whose count is written), the
-    // misses overlap instead of following one another.
-    for (const auto& chunk : chunks) {
-      const auto* object = reinterpret_cast<const char*>(chunk.get());
+    // Each chunk is fetched well ahead, its string (whose count is written) once the chunk is
+    // in, so that the misses overlap instead of following one another.
+    if (i + 2 * kFetchAhead < size) {
+      const auto* object = reinterpret_cast<const char*>(chunks[i + 2 * kFetchAhead].get());
       __builtin_prefetch(object);
       __builtin_prefetch(object + sizeof(orvo_core::Chunk));
     }
-    for (const auto& chunk : chunks) {
-      if (PyObject* kept = kept_content(*chunk)) __builtin_prefetch(kept, 1);
+    if (i + kFetchAhead < size) {
+      if (PyObject* kept = kept_content(*chunks[i + kFetchAhead])) __builtin_prefetch(kept, 1);
     }
-  }
-  py::list texts(chunks.size());
-  for (std::size_t i = 0; i < chunks.size(); ++i) {
     PyList_SET_ITEM(texts.ptr(), static_cast<Py_ssize_t>(i),
                     content_to_py(*chunks[i]).release().ptr());
   }
@@ -547,6 +546,13 @@ std::optional<Numbers> open_numbers(py::handle value, int dimensions, const char
 void append_row(orvo_core::Embedding& out, const Numbers& numbers, Py_ssize_t base,
                 Py_ssize_t length, Py_ssize_t stride) {
   const char* start = static_cast<const char*>(numbers.owner->view.buf) + base;
+  if (numbers.type.kind == Element::Kind::floating && numbers.type.size == 4 && stride == 4) {
+    // Contiguous float32, the common case, is copied whole.
+    const std::size_t at = out.size();
+    out.resize(at + static_cast<std::size_t>(length));
+    std::memcpy(out.data() + at, start, static_cast<std::size_t>(length) * sizeof(float));
+    return;
+  }
   for (Py_ssize_t i = 0; i < length; ++i) {
     out.push_back(static_cast<float>(element(start + i * stride, numbers.type)));
   }

@@ -38,20 +38,17 @@ py::object chunks_to_py(const Chunks& chunks) {
 py::handle read_chunks(py::handle sequence, Chunks& chunks) {
   const auto size = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(sequence.ptr()));
   PyObject** items = PySequence_Fast_ITEMS(sequence.ptr());
-  if (size >= kPrefetchFrom) {
-    // Copying a chunk's pointer writes its count, and a write to a line not in the cache stalls
-    // until it arrives. The Python objects, then the counts, are fetched first, in independent
-    // passes, so that the misses overlap.
-    for (std::size_t i = 0; i < size; ++i) __builtin_prefetch(items[i]);
-    for (std::size_t i = 0; i < size; ++i) {
-      if (const auto* holder = exact_holder<Chunk>(items[i])) {
-        // The count sits just before the object, which `make_shared` allocated with it.
-        __builtin_prefetch(reinterpret_cast<const char*>(holder->get()) - 16, 1);
-      }
-    }
-  }
   chunks.reserve(size);
   for (std::size_t i = 0; i < size; ++i) {
+    // Copying a chunk's pointer writes its count, and that write stalls until the line is in
+    // the cache. The Python object is fetched well ahead, then the count (which sits just
+    // before the chunk, allocated with it by `make_shared`), so that the misses overlap.
+    if (i + 2 * kFetchAhead < size) __builtin_prefetch(items[i + 2 * kFetchAhead]);
+    if (i + kFetchAhead < size) {
+      if (const auto* ahead = exact_holder<Chunk>(items[i + kFetchAhead])) {
+        __builtin_prefetch(reinterpret_cast<const char*>(ahead->get()) - 16, 1);
+      }
+    }
     if (const auto* holder = exact_holder<Chunk>(items[i])) {
       chunks.push_back(*holder);
       continue;

@@ -218,8 +218,9 @@ py::str content_to_py(const orvo_core::Chunk& chunk);
 /// The contents of chunks as a list of Python strings, as `content_to_py` gives them.
 py::list contents_to_py(std::span<const std::shared_ptr<orvo_core::Chunk>> chunks);
 
-/// Batches smaller than this are left to the hardware prefetcher.
-inline constexpr std::size_t kPrefetchFrom = 32;
+/// How many items ahead of its use a loop over chunks fetches what an item points to: far
+/// enough for a miss to complete, near enough for the line to stay in the cache.
+inline constexpr std::size_t kFetchAhead = 16;
 
 /// The holder of an instance whose class is exactly the bound class of `T`, read straight from
 /// the instance; null for any other object. Lists of thousands of chunks cross with every call,
