@@ -39,23 +39,29 @@ py::handle read_chunks(py::handle sequence, Chunks& chunks) {
   const auto size = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(sequence.ptr()));
   PyObject** items = PySequence_Fast_ITEMS(sequence.ptr());
   chunks.reserve(size);
-  for (std::size_t i = 0; i < size; ++i) {
-    // Copying a chunk's pointer writes its count, and that write stalls until the line is in
-    // the cache. The Python object is fetched well ahead, then the count (which sits just
-    // before the chunk, allocated with it by `make_shared`), so that the misses overlap.
-    if (i + 2 * kFetchAhead < size) __builtin_prefetch(items[i + 2 * kFetchAhead]);
-    if (i + kFetchAhead < size) {
-      if (const auto* ahead = exact_holder<Chunk>(items[i + kFetchAhead])) {
-        __builtin_prefetch(reinterpret_cast<const char*>(ahead->get()) - 16, 1);
+  // Copying a chunk's pointer writes its count, and that write stalls until the line is in
+  // the cache. Each Python object is fetched well ahead; its holder is read, and the count
+  // (which sits just before the chunk, allocated with it by `make_shared`) fetched, a while
+  // before the copy, so that the misses overlap. `found` keeps the holders read in between.
+  std::array<const std::shared_ptr<Chunk>*, kFetchAhead> found{};
+  for (std::size_t next = 0; next < size + kFetchAhead; ++next) {
+    if (next >= kFetchAhead) {
+      const std::size_t i = next - kFetchAhead;
+      if (const auto* holder = found[i % kFetchAhead]) {
+        chunks.push_back(*holder);
+      } else {
+        const py::handle item(items[i]);
+        if (!py::isinstance<Chunk>(item)) return item;
+        chunks.push_back(hold<Chunk>(item));
       }
     }
-    if (const auto* holder = exact_holder<Chunk>(items[i])) {
-      chunks.push_back(*holder);
-      continue;
+    if (next < size) {
+      if (next + kFetchAhead < size) __builtin_prefetch(items[next + kFetchAhead]);
+      const auto* holder = exact_holder<Chunk>(items[next]);
+      if (holder != nullptr)
+        __builtin_prefetch(reinterpret_cast<const char*>(holder->get()) - 16, 1);
+      found[next % kFetchAhead] = holder;
     }
-    const py::handle item(items[i]);
-    if (!py::isinstance<Chunk>(item)) return item;
-    chunks.push_back(hold<Chunk>(item));
   }
   return {};
 }

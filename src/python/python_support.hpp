@@ -229,9 +229,10 @@ template <class T>
 const std::shared_ptr<T>* exact_holder(PyObject* value) {
   static const py::detail::type_info* const info = py::detail::get_type_info(typeid(T));
   if (info == nullptr || Py_TYPE(value) != info->type) return nullptr;
-  auto* instance = reinterpret_cast<py::detail::instance*>(value);
-  auto holder = instance->get_value_and_holder(info, false);
-  if (!holder || !holder.holder_constructed()) return nullptr;
+  // Of exactly the class of `T`, the instance holds its value and holder first.
+  const py::detail::value_and_holder holder(reinterpret_cast<py::detail::instance*>(value), info, 0,
+                                            0);
+  if (!holder.holder_constructed()) return nullptr;
   return &holder.template holder<std::shared_ptr<T>>();
 }
 
