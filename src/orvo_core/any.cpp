@@ -256,6 +256,11 @@ bool Any::truthy() const noexcept {
 }
 
 void Any::append_str(std::string& out) const {
+  // Strings, most of what reference texts are made of, need no renderer.
+  if (const auto* s = std::get_if<std::string>(&v_)) {
+    out += *s;
+    return;
+  }
   Renderer(out).render(*this, false);
 }
 

@@ -108,7 +108,11 @@ orvo_core::Awaitable<orvo_core::Embeddings> PyEMInvoker::invoke(
   for (std::size_t i = 0; i < texts.size(); ++i) {
     PyList_SET_ITEM(list.ptr(), static_cast<Py_ssize_t>(i), to_py_str(texts[i]).release().ptr());
   }
-  py::object call = target_.get().attr("invoke")(std::move(list));
+  co_return co_await invoke_list(std::move(list));
+}
+
+orvo_core::Awaitable<orvo_core::Embeddings> PyEMInvoker::invoke_list(py::list texts) {
+  py::object call = target_.get().attr("invoke")(std::move(texts));
   py::object result = co_await await_python(std::move(call));
   co_return to_embeddings(result);
 }

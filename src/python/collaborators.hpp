@@ -54,6 +54,8 @@ class PyEMInvoker : public orvo_inference::BaseEMInvoker {
   explicit PyEMInvoker(py::object target) : target_(std::move(target)) {}
   orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string text) override;
   orvo_core::Awaitable<orvo_core::Embeddings> invoke(std::vector<std::string_view> texts) override;
+  /// The embeddings of a list of Python strings.
+  orvo_core::Awaitable<orvo_core::Embeddings> invoke_list(py::list texts);
   [[nodiscard]] std::string type_name() const override;
   [[nodiscard]] py::object target() const { return target_.get(); }
 

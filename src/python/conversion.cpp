@@ -5,6 +5,7 @@
 #include <cstring>
 #include <optional>
 #include <string_view>
+#include <typeinfo>
 #include <utility>
 
 #include "orvo_core/errors.hpp"
@@ -113,6 +114,64 @@ py::str to_py_str(std::string_view text) {
       PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogateescape");
   if (result == nullptr) throw py::error_already_set();
   return py::reinterpret_steal<py::str>(result);
+}
+
+std::string content_from_py(py::handle value) {
+  py::detail::make_caster<std::string> text;
+  if (!text.load(value, true)) {
+    throw py::type_error("content must be a str, not " +
+                         std::string(py::str(py::type::handle_of(value).attr("__name__"))));
+  }
+  return std::move(static_cast<std::string&>(text));
+}
+
+void PyChunk::set_content(py::handle value) {
+  content = content_from_py(value);
+  if (PyUnicode_CheckExact(value.ptr()) != 0) {
+    text_.reset(py::reinterpret_borrow<py::object>(value));
+    kept_data_ = content.data();
+    kept_size_ = content.size();
+  } else {
+    text_.reset(py::object());
+    kept_data_ = nullptr;
+  }
+}
+
+namespace {
+
+// The string a chunk made from Python keeps for its content; null for other chunks. Only the
+// addresses of the types are compared: comparing their names costs more than a new string.
+PyObject* kept_content(const orvo_core::Chunk& chunk) {
+  if (&typeid(chunk) != &typeid(PyChunk)) return nullptr;
+  return static_cast<const PyChunk&>(chunk).kept_content();
+}
+
+}  // namespace
+
+py::str content_to_py(const orvo_core::Chunk& chunk) {
+  if (PyObject* kept = kept_content(chunk)) return py::reinterpret_borrow<py::str>(kept);
+  return to_py_str(chunk.content);
+}
+
+py::list contents_to_py(std::span<const std::shared_ptr<orvo_core::Chunk>> chunks) {
+  const std::size_t size = chunks.size();
+  py::list texts(size);
+  for (std::size_t i = 0; i < size; ++i) {
+    // Chunks and their strings are cold after a batch of embeddings went through the cache.
+    // Each chunk is fetched well ahead, its string (whose count is written) once the chunk is
+    // in, so that the misses overlap instead of following one another.
+    if (i + 2 * kFetchAhead < size) {
+      const auto* object = reinterpret_cast<const char*>(chunks[i + 2 * kFetchAhead].get());
+      __builtin_prefetch(object);
+      __builtin_prefetch(object + sizeof(orvo_core::Chunk));
+    }
+    if (i + kFetchAhead < size) {
+      if (PyObject* kept = kept_content(*chunks[i + kFetchAhead])) __builtin_prefetch(kept, 1);
+    }
+    PyList_SET_ITEM(texts.ptr(), static_cast<Py_ssize_t>(i),
+                    content_to_py(*chunks[i]).release().ptr());
+  }
+  return texts;
 }
 
 // ---- Bridges -----------------------------------------------------------------------------------
@@ -487,6 +546,13 @@ std::optional<Numbers> open_numbers(py::handle value, int dimensions, const char
 void append_row(orvo_core::Embedding& out, const Numbers& numbers, Py_ssize_t base,
                 Py_ssize_t length, Py_ssize_t stride) {
   const char* start = static_cast<const char*>(numbers.owner->view.buf) + base;
+  if (numbers.type.kind == Element::Kind::floating && numbers.type.size == 4 && stride == 4) {
+    // Contiguous float32, the common case, is copied whole.
+    const std::size_t at = out.size();
+    out.resize(at + static_cast<std::size_t>(length));
+    std::memcpy(out.data() + at, start, static_cast<std::size_t>(length) * sizeof(float));
+    return;
+  }
   for (Py_ssize_t i = 0; i < length; ++i) {
     out.push_back(static_cast<float>(element(start + i * stride, numbers.type)));
   }

@@ -167,16 +167,26 @@ void bind_core(py::module_& m) {
         }
       });
 
-  py::class_<Chunk, orvo_core::Object, std::shared_ptr<Chunk>>(m, "Chunk",
-                                                               "One retrieved piece of a document.")
-      .def(py::init([](std::string content, const py::object& metadata, std::string id,
+  py::class_<Chunk, orvo_core::Object, PyChunk, std::shared_ptr<Chunk>>(
+      m, "Chunk", "One retrieved piece of a document.")
+      .def(py::init([](const py::object& content, const py::object& metadata, std::string id,
                        std::optional<double> score) {
-             return std::make_shared<Chunk>(std::move(content), to_map(metadata), std::move(id),
-                                            score);
+             auto chunk =
+                 std::make_shared<PyChunk>(std::string(), to_map(metadata), std::move(id), score);
+             chunk->set_content(content);
+             return chunk;
            }),
            py::arg("content") = "", py::arg("metadata") = py::none(), py::arg("id") = "",
            py::arg("score") = py::none())
-      .def_readwrite("content", &Chunk::content)
+      .def_property(
+          "content", [](const Chunk& self) { return content_to_py(self); },
+          [](Chunk& self, const py::object& value) {
+            if (auto* own = dynamic_cast<PyChunk*>(&self)) {
+              own->set_content(value);
+            } else {
+              self.content = content_from_py(value);
+            }
+          })
       .def_readwrite("id", &Chunk::id)
       .def_readwrite("score", &Chunk::score)
       .def_property(

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <tuple>
+#include <span>
 #include <type_traits>
 
 #include <pybind11/eval.h>
@@ -33,22 +34,50 @@ py::object chunks_to_py(const Chunks& chunks) {
   return out;
 }
 
+// Reads the chunks of a list or tuple into `chunks`; returns the first item that is no Chunk,
+// or null when there is none.
+py::handle read_chunks(py::handle sequence, Chunks& chunks) {
+  const auto size = static_cast<std::size_t>(PySequence_Fast_GET_SIZE(sequence.ptr()));
+  PyObject** items = PySequence_Fast_ITEMS(sequence.ptr());
+  chunks.reserve(size);
+  // Copying a chunk's pointer writes its count, and that write stalls until the line is in
+  // the cache. Each Python object is fetched well ahead; its holder is read, and the count
+  // (which sits just before the chunk, allocated with it by `make_shared`) fetched, a while
+  // before the copy, so that the misses overlap. `found` keeps the holders read in between.
+  std::array<const std::shared_ptr<Chunk>*, kFetchAhead> found{};
+  for (std::size_t next = 0; next < size + kFetchAhead; ++next) {
+    if (next >= kFetchAhead) {
+      const std::size_t i = next - kFetchAhead;
+      if (const auto* holder = found[i % kFetchAhead]) {
+        chunks.push_back(*holder);
+      } else {
+        const py::handle item(items[i]);
+        if (!py::isinstance<Chunk>(item)) return item;
+        chunks.push_back(hold<Chunk>(item));
+      }
+    }
+    if (next < size) {
+      if (next + kFetchAhead < size) __builtin_prefetch(items[next + kFetchAhead]);
+      const auto* holder = exact_holder<Chunk>(items[next]);
+      if (holder != nullptr)
+        __builtin_prefetch(reinterpret_cast<const char*>(holder->get()) - 16, 1);
+      found[next % kFetchAhead] = holder;
+    }
+  }
+  return {};
+}
+
+std::string type_name_of(py::handle value) {
+  return py::str(py::type::handle_of(value).attr("__name__"));
+}
+
 Chunks chunks_from_py(py::handle value) {
   if (!PyList_Check(value.ptr()) && !PyTuple_Check(value.ptr())) {
-    throw orvo_core::TypeError("chunks must be a list of Chunk, not " +
-                               std::string(py::str(py::type::handle_of(value).attr("__name__"))));
+    throw orvo_core::TypeError("chunks must be a list of Chunk, not " + type_name_of(value));
   }
   Chunks chunks;
-  for (py::handle item : py::reinterpret_borrow<py::sequence>(value)) {
-    if (auto chunk = exact_instance<Chunk>(item)) {
-      chunks.push_back(std::move(chunk));
-      continue;
-    }
-    if (!py::isinstance<Chunk>(item)) {
-      throw orvo_core::TypeError("chunks must be a list of Chunk; found " +
-                                 std::string(py::str(py::type::handle_of(item).attr("__name__"))));
-    }
-    chunks.push_back(hold<Chunk>(item));
+  if (py::handle odd = read_chunks(value, chunks)) {
+    throw orvo_core::TypeError("chunks must be a list of Chunk; found " + type_name_of(odd));
   }
   return chunks;
 }
@@ -219,6 +248,7 @@ class PyFormatter : public PyComponent<Base>, public FormatterState, public Pyth
 // is not a number is kept as given and fails where scores are compared with it.
 class PySimilarity : public PyFormatter<rf::SimilarityBasedReferenceFormatter> {
  public:
+  using Similarity = rf::SimilarityBasedReferenceFormatter;
   using PyFormatter::PyFormatter;
 
   orvo_core::Awaitable<Chunks> _get_relevant_chunks(std::string response, Chunks chunks) override {
@@ -231,6 +261,15 @@ class PySimilarity : public PyFormatter<rf::SimilarityBasedReferenceFormatter> {
     if (!chunks.empty()) check_threshold();
     co_return co_await PyFormatter::_select_relevant_chunks(std::move(response), std::move(chunks),
                                                             std::move(event_emitter));
+  }
+
+  // A Python invoker gets the `str` objects that chunks made from Python keep.
+  orvo_core::Awaitable<orvo_core::Embeddings> _embed_contents(
+      std::span<const std::shared_ptr<Chunk>> chunks) override {
+    auto* python = dynamic_cast<PyEMInvoker*>(em_invoker.get());
+    if (python == nullptr) co_return co_await Similarity::_embed_contents(chunks);
+    py::list texts = contents_to_py(chunks);
+    co_return co_await python->invoke_list(std::move(texts));
   }
 
   /// Raises `TypeError` when the threshold given is not a number.
@@ -433,6 +472,30 @@ void bind_formatter_members(Class& c) {
           });
 }
 
+// A formatter's `_run`. A list of chunks crosses straight into the chunk list it reads, not
+// through a list of values first; anything else takes the general way, which checks it.
+py::object start_formatter_run(std::shared_ptr<rf::BaseReferenceFormatter> self,
+                               const py::kwargs& kwargs) {
+  PyObject* given = PyDict_GetItemString(kwargs.ptr(), "chunks");
+  Chunks chunks;
+  if (given == nullptr || !PyList_Check(given) || read_chunks(given, chunks)) {
+    return start_component_call(self, kwargs,
+                                [](rf::BaseReferenceFormatter& formatter, orvo_core::Kwargs k) {
+                                  return formatter._run(std::move(k));
+                                });
+  }
+  auto rest = py::reinterpret_steal<py::kwargs>(PyDict_Copy(kwargs.ptr()));
+  if (!rest || PyDict_DelItemString(rest.ptr(), "chunks") != 0) throw py::error_already_set();
+  auto list = std::make_shared<PyObjectRef>(py::reinterpret_borrow<py::object>(given));
+  return start_component_call(
+      self, rest, [&chunks, &list](rf::BaseReferenceFormatter& formatter, orvo_core::Kwargs k) {
+        // The list goes along unread: it keeps the chunks' Python objects, which are what C++
+        // hands back to Python during the call.
+        k.insert_or_assign("chunks", Any(std::move(list)));
+        return formatter._run_chunks(std::move(k), std::move(chunks));
+      });
+}
+
 // `format_chunk_as_string` as a plain Python function over the module's `_format_chunk`.
 py::object make_format_chunk_as_string(const py::module_& m) {
   py::dict scope;
@@ -542,12 +605,7 @@ void bind_reference_formatters(py::module_& m) {
            py::arg("stringify") = true, py::arg("format_references_func") = py::none(),
            py::arg("format_chunk_func") = py::none(),
            py::arg("format_chunk_metadata_map") = py::none(), py::arg("streamable") = true)
-      .def("_run",
-           [](std::shared_ptr<Base> self, const py::kwargs& kwargs) {
-             return start_component_call(self, kwargs, [](Base& formatter, orvo_core::Kwargs k) {
-               return formatter._run(std::move(k));
-             });
-           })
+      .def("_run", &start_formatter_run)
       .def(
           "format_reference",
           [](std::shared_ptr<Base> self, std::string response, const py::object& chunks,

@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "orvo_core/async.hpp"
 #include "orvo_core/embeddings.hpp"
 #include "orvo_core/object.hpp"
+#include "orvo_core/schema/chunk.hpp"
 
 namespace boost::asio {
 class io_context;
@@ -174,22 +176,72 @@ class GilObject {
   ~GilObject();
   [[nodiscard]] py::object get() const { return py::reinterpret_borrow<py::object>(object_); }
   [[nodiscard]] PyObject* ptr() const { return object_; }
+  /// Holds `object` instead; the GIL is held.
+  void reset(py::object object) {
+    PyObject* old = object_;
+    object_ = object.release().ptr();
+    Py_XDECREF(old);
+  }
 
  private:
   PyObject* object_ = nullptr;
 };
 
-/// The C++ object of an instance whose class is exactly the bound class of `T`, read straight
-/// from its holder; null for any other object. Lists of thousands of chunks cross with every
-/// call, and pybind11's general cast looks the type up by name each time.
+/// A chunk made from Python. It keeps the `str` its content came from, so that handing the
+/// content back to Python (to an embedding invoker, as `chunk.content`) builds no new string.
+class PyChunk : public orvo_core::Chunk {
+ public:
+  using Chunk::Chunk;
+  /// Sets the content from a `str` (kept, unless of a subclass) or `bytes`; anything else is a
+  /// `TypeError`.
+  void set_content(py::handle value);
+  /// The Python string it keeps, while the content is still the one it came from; else null.
+  [[nodiscard]] PyObject* kept_content() const {
+    return content.data() == kept_data_ && content.size() == kept_size_ ? text_.ptr() : nullptr;
+  }
+  [[nodiscard]] std::string type_name() const override { return "Chunk"; }
+
+ private:
+  GilObject text_;
+  // The content's storage when `text_` was taken: C++ never writes a chunk's content, but a
+  // write would show here.
+  const char* kept_data_ = nullptr;
+  std::size_t kept_size_ = 0;
+};
+
+/// A chunk's content from a `str` or `bytes`; anything else is a `TypeError`.
+std::string content_from_py(py::handle value);
+
+/// A chunk's content as a Python string: the one a chunk made from Python keeps, else a new one.
+py::str content_to_py(const orvo_core::Chunk& chunk);
+
+/// The contents of chunks as a list of Python strings, as `content_to_py` gives them.
+py::list contents_to_py(std::span<const std::shared_ptr<orvo_core::Chunk>> chunks);
+
+/// How many items ahead of its use a loop over chunks fetches what an item points to: far
+/// enough for a miss to complete, near enough for the line to stay in the cache.
+inline constexpr std::size_t kFetchAhead = 16;
+
+/// The holder of an instance whose class is exactly the bound class of `T`, read straight from
+/// the instance; null for any other object. Lists of thousands of chunks cross with every call,
+/// and pybind11's general cast looks the type up by name each time.
+template <class T>
+const std::shared_ptr<T>* exact_holder(PyObject* value) {
+  static const py::detail::type_info* const info = py::detail::get_type_info(typeid(T));
+  if (info == nullptr || Py_TYPE(value) != info->type) return nullptr;
+  // Of exactly the class of `T`, the instance holds its value and holder first.
+  const py::detail::value_and_holder holder(reinterpret_cast<py::detail::instance*>(value), info, 0,
+                                            0);
+  if (!holder.holder_constructed()) return nullptr;
+  return &holder.template holder<std::shared_ptr<T>>();
+}
+
+/// The C++ object of an instance whose class is exactly the bound class of `T`; null for any
+/// other object.
 template <class T>
 std::shared_ptr<T> exact_instance(py::handle value) {
-  static const py::detail::type_info* const info = py::detail::get_type_info(typeid(T));
-  if (info == nullptr || Py_TYPE(value.ptr()) != info->type) return nullptr;
-  auto* instance = reinterpret_cast<py::detail::instance*>(value.ptr());
-  auto holder = instance->get_value_and_holder(info, false);
-  if (!holder || !holder.holder_constructed()) return nullptr;
-  return holder.template holder<std::shared_ptr<T>>();
+  const std::shared_ptr<T>* holder = exact_holder<T>(value.ptr());
+  return holder != nullptr ? *holder : nullptr;
 }
 
 /// The C++ object of an instance of a bound class. For an instance of a Python subclass the

@@ -47,6 +47,20 @@ class SimilarityTest(unittest.IsolatedAsyncioTestCase):
         self.assertEqual(len(emitter.events), 2)
         self.assertEqual(json.loads(emitter.events[0][0])["data_value"], str(mine.model_dump()))
 
+    async def test_the_invoker_gets_the_strings_the_chunks_were_given(self):
+        text = "".join(["tide ", "tables"])
+        item = Chunk(content=text, metadata={"file_name": "A"})
+        invoker = TableInvoker({"tide tables": [1.0, 0.0], "ebb": [1.0, 0.0]})
+        formatter = SimilarityBasedReferenceFormatter(invoker)
+        await formatter._run(response="r", chunks=[item])
+        self.assertIs(invoker.calls[1][0], text)
+        self.assertIs(item.content, text)
+        item.content = "ebb"
+        self.assertEqual(await formatter._run(response="r", chunks=[item]), "References:\n1. A")
+        self.assertEqual(invoker.calls[3], ["ebb"])
+        with self.assertRaises(TypeError):
+            item.content = 3
+
     async def test_errors_keep_their_kind_and_identity(self):
         formatter = SimilarityBasedReferenceFormatter(TableInvoker({}, batch=[[1.0, 0.0]]))
         with self.assertRaises(ValueError):

@@ -61,6 +61,9 @@ class BaseReferenceFormatter : public orvo_core::Component {
   /// "event_emitter" is passed on only when `streamable` is true.
   orvo_core::Awaitable<orvo_core::Any> _run(orvo_core::Kwargs kwargs) override;
 
+  /// `_run` for a caller that has read the chunks itself: "chunks" is not read.
+  orvo_core::Awaitable<orvo_core::Any> _run_chunks(orvo_core::Kwargs kwargs, Chunks chunks);
+
   /// The relevant chunks, rendered as the reference text (`stringify`) or as the list of
   /// chunks, and streamed to `event_emitter` as reference events when there is something to
   /// stream.

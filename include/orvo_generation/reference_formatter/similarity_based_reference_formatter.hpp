@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 
 #include "orvo_generation/reference_formatter/reference_formatter.hpp"
@@ -42,6 +43,11 @@ class SimilarityBasedReferenceFormatter : public BaseReferenceFormatter {
   orvo_core::Awaitable<Chunks> _select_relevant_chunks(
       std::string response, Chunks chunks,
       std::shared_ptr<orvo_core::EventEmitter> event_emitter) override;
+
+  /// The embeddings of the chunks' contents, one row per chunk, in one request to `em_invoker`.
+  /// The chunks stay alive until the returned awaitable completes.
+  virtual orvo_core::Awaitable<orvo_core::Embeddings> _embed_contents(
+      std::span<const std::shared_ptr<orvo_core::Chunk>> chunks);
 
   std::shared_ptr<orvo_inference::BaseEMInvoker> em_invoker;  ///< Embeds response and contents.
   double threshold;            ///< The lowest score at which a chunk is kept.

@@ -36,6 +36,16 @@ Any make_default_metadata_map() {
   return map;
 }
 
+// The "response" of `_run`'s keyword arguments: a string that is not blank.
+const std::string& response_argument(const orvo_core::Kwargs& kwargs) {
+  const Any* response = orvo_core::find(kwargs, "response");
+  if (response == nullptr || !response->is_string() ||
+      orvo_core::text::is_blank(response->as_string())) {
+    throw orvo_core::ValueError(kResponseError);
+  }
+  return response->as_string();
+}
+
 }  // namespace
 
 const Any DEFAULT_FORMAT_CHUNK_METADATA_MAP = make_default_metadata_map();
@@ -193,11 +203,7 @@ BaseReferenceFormatter::BaseReferenceFormatter(bool stringify,
       streamable(streamable) {}
 
 orvo_core::Awaitable<Any> BaseReferenceFormatter::_run(orvo_core::Kwargs kwargs) {
-  const Any* response = orvo_core::find(kwargs, "response");
-  if (response == nullptr || !response->is_string() ||
-      orvo_core::text::is_blank(response->as_string())) {
-    throw orvo_core::ValueError(kResponseError);
-  }
+  response_argument(kwargs);  // its error comes before the chunks'
   const Any* chunks_value = orvo_core::find(kwargs, "chunks");
   if (chunks_value == nullptr || !chunks_value->is_list()) {
     throw orvo_core::ValueError(kChunksError);
@@ -207,23 +213,32 @@ orvo_core::Awaitable<Any> BaseReferenceFormatter::_run(orvo_core::Kwargs kwargs)
   detail::prefetch_objects(chunks_value->as_list(), [](const Any& element) {
     return element.is_object() ? element.as_object().get() : nullptr;
   });
+  // Chunks of one class come together: a class once found to be a chunk's is cast statically
+  // until another class comes.
+  const std::type_info* known = &typeid(Chunk);
   for (const Any& element : chunks_value->as_list()) {
     if (!element.is_object()) throw orvo_core::ValueError(kChunksError);
     const std::shared_ptr<orvo_core::Object>& object = element.as_object();
-    // Exactly a Chunk, the common case, needs no dynamic cast.
     const orvo_core::Object& referent = *object;
-    if (typeid(referent) == typeid(Chunk)) {
+    const std::type_info& type = typeid(referent);
+    if (&type == known) {
       chunks.push_back(std::static_pointer_cast<Chunk>(object));
       continue;
     }
     auto chunk = std::dynamic_pointer_cast<Chunk>(object);
     if (!chunk) throw orvo_core::ValueError(kChunksError);
+    known = &type;
     chunks.push_back(std::move(chunk));
   }
+  co_return co_await _run_chunks(std::move(kwargs), std::move(chunks));
+}
+
+orvo_core::Awaitable<Any> BaseReferenceFormatter::_run_chunks(orvo_core::Kwargs kwargs,
+                                                              Chunks chunks) {
+  std::string response = response_argument(kwargs);
   std::shared_ptr<EventEmitter> event_emitter =
       streamable ? orvo_core::event_emitter_argument(kwargs) : nullptr;
-  std::string response_text = response->as_string();
-  co_return co_await format_reference(std::move(response_text), std::move(chunks),
+  co_return co_await format_reference(std::move(response), std::move(chunks),
                                       std::move(event_emitter));
 }
 

@@ -25,15 +25,6 @@ SimilarityBasedReferenceFormatter::SimilarityBasedReferenceFormatter(
 
 namespace {
 
-// Views into the chunks' contents, for the invoker: the caller's frame keeps the chunks alive
-// until the invoker has finished.
-std::vector<std::string_view> content_views(const Chunks& chunks) {
-  std::vector<std::string_view> contents;
-  contents.reserve(chunks.size());
-  for (const auto& chunk : chunks) contents.emplace_back(chunk->content);
-  return contents;
-}
-
 // The positions kept, most similar first (ties in input order), and the best score below the
 // threshold. Scores and chunks of different counts are a `ValueError`, once the common prefix
 // has been compared.
@@ -68,8 +59,9 @@ orvo_core::Awaitable<Chunks> SimilarityBasedReferenceFormatter::_get_relevant_ch
     std::string response, Chunks chunks) {
   if (chunks.empty()) co_return Chunks();
   const orvo_core::Embedding response_embedding = co_await em_invoker->invoke(std::move(response));
-  const orvo_core::Embeddings content_embeddings =
-      co_await em_invoker->invoke(content_views(chunks));
+  // This frame keeps the chunks alive until their contents are embedded.
+  const std::span<const std::shared_ptr<orvo_core::Chunk>> all(chunks);
+  const orvo_core::Embeddings content_embeddings = co_await _embed_contents(all);
   const std::vector<double> scores = orvo_core::cosine(response_embedding, content_embeddings);
   // The scan pushed the chunks out of the cache; the kept ones are copied and all of them are
   // released next.
@@ -86,7 +78,8 @@ orvo_core::Awaitable<ScoredChunks> SimilarityBasedReferenceFormatter::score_chun
   ScoredChunks scored;
   if (chunks.empty()) co_return scored;
   const orvo_core::Embedding response_embedding = co_await em_invoker->invoke(std::move(response));
-  scored.embeddings = co_await em_invoker->invoke(content_views(chunks));
+  const std::span<const std::shared_ptr<orvo_core::Chunk>> all(chunks);
+  scored.embeddings = co_await _embed_contents(all);
   scored.scores = orvo_core::cosine(response_embedding, scored.embeddings);
   const Decision decision = decide(scored.scores, chunks.size(), threshold);
   for (const auto& [score, position] : decision.kept) {
@@ -134,6 +127,15 @@ orvo_core::Awaitable<Chunks> SimilarityBasedReferenceFormatter::stream_scored(
   Chunks relevant_chunks;
   for (const ScoredChunk& kept : scored.kept) relevant_chunks.push_back(kept.chunk);
   co_return relevant_chunks;
+}
+
+orvo_core::Awaitable<orvo_core::Embeddings> SimilarityBasedReferenceFormatter::_embed_contents(
+    std::span<const std::shared_ptr<orvo_core::Chunk>> chunks) {
+  // Views into the chunks, which the caller keeps alive until the invoker has finished.
+  std::vector<std::string_view> contents;
+  contents.reserve(chunks.size());
+  for (const auto& chunk : chunks) contents.emplace_back(chunk->content);
+  co_return co_await em_invoker->invoke(std::move(contents));
 }
 
 }  // namespace orvo_generation::reference_formatter

@@ -47,6 +47,12 @@ class PickingFormatter : public rf::BaseReferenceFormatter {
   std::string seen_response;
 };
 
+// A chunk of a class of its own.
+class NotedChunk : public orvo_core::Chunk {
+ public:
+  using Chunk::Chunk;
+};
+
 rf::Chunks abc_chunks() {
   return {make_chunk("alpha", "A", "a"), make_chunk("beta", "B", "b"),
           make_chunk("gamma", "C", "c")};
@@ -128,6 +134,7 @@ TEST(reference_formatter, constructor_falls_back_to_the_defaults) {
 
 TEST(reference_formatter, run_rejects_bad_inputs_with_the_fixed_messages) {
   const Any chunk(make_chunk("text"));
+  const Any noted(std::make_shared<NotedChunk>("text"));
   const struct {
     std::optional<Any> response, chunks;  // None: the key is missing.
     const char* message;
@@ -139,6 +146,7 @@ TEST(reference_formatter, run_rejects_bad_inputs_with_the_fixed_messages) {
       {Any("r"), Any("abc"), kChunksError},
       {Any("r"), List{chunk, chunk, Any("x")}, kChunksError},
       {Any("r"), List{Any(std::make_shared<RecordingEmitter>())}, kChunksError},
+      {Any("r"), List{noted, noted, Any(std::make_shared<RecordingEmitter>())}, kChunksError},
   };
   for (const auto& c : cases) {
     PickingFormatter formatter;
