@@ -2,8 +2,8 @@
 // asynchronous operations with `async def` and the text hooks with plain methods.
 
 #include <array>
-#include <tuple>
 #include <span>
+#include <tuple>
 #include <type_traits>
 
 #include <pybind11/eval.h>
