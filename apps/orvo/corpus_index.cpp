@@ -99,12 +99,20 @@ std::string section_of(const orvo_core::Chunk& chunk, const fs::path& file) {
   return about;
 }
 
+// One spelling per corpus ("docs", "./docs/" and a link to it are one corpus), so that it has
+// one index.
+fs::path canonical_corpus(const fs::path& corpus) {
+  std::error_code error;
+  fs::path path = fs::weakly_canonical(fs::absolute(corpus), error);
+  if (error) path = fs::absolute(corpus).lexically_normal();
+  if (!path.has_filename() && path.has_parent_path()) path = path.parent_path();
+  return path;
+}
+
 }  // namespace
 
 fs::path CorpusIndex::default_path(const fs::path& corpus) {
-  std::error_code error;
-  fs::path absolute = fs::weakly_canonical(fs::absolute(corpus, error), error);
-  if (error) absolute = fs::absolute(corpus);
+  const fs::path absolute = canonical_corpus(corpus);
   fs::path cache;
   if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg != nullptr && xdg[0] == '/') {
     cache = xdg;
@@ -162,7 +170,7 @@ SyncReport CorpusIndex::sync(const ChunkOptions& chunking, const LoadOptions& lo
   SqliteDatabase::Transaction transaction(db_);
   // An index made for another corpus, another chunking or an older layout starts over.
   const std::string identity = std::string(kSchemaVersion) + "|" +
-                               fs::absolute(corpus_).lexically_normal().string() + "|" +
+                               canonical_corpus(corpus_).string() + "|" +
                                std::to_string(chunking.max_chars);
   {
     SqliteDatabase::Statement read(db_, "SELECT value FROM meta WHERE key = 'identity'");
