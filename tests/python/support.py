@@ -1,7 +1,9 @@
 """Python collaborators for the binding tests, and a scripted HTTP server."""
+import contextlib
 import http.server
 import json
 import threading
+import time
 
 from orvo_core.event import EventEmitter
 
@@ -61,7 +63,8 @@ class RecordingProcessor:
 
 def serve(test, reply):
     """An HTTP/1.1 server on a thread until `test` ends: `reply(path, request)` gives (status,
-    content type, body); `requests` records (path, headers, request)."""
+    content type, body), a body given as a list is sent a piece every 0.1 s; `requests` records
+    (path, headers, request)."""
 
     class Handler(http.server.BaseHTTPRequestHandler):
         protocol_version = "HTTP/1.1"
@@ -70,11 +73,19 @@ def serve(test, reply):
             request = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
             server.requests.append((self.path, self.headers, request))
             status, content_type, body = reply(self.path, request)
+            pieces = [body.encode()] if isinstance(body, str) else [piece.encode() for piece in body]
             self.send_response(status)
             self.send_header("Content-Type", content_type)
-            self.send_header("Content-Length", str(len(body.encode())))
+            self.send_header("Content-Length", str(sum(map(len, pieces))))
             self.end_headers()
-            self.wfile.write(body.encode())
+            for piece in pieces:
+                self.wfile.write(piece)
+                self.wfile.flush()
+                time.sleep(0 if isinstance(body, str) else 0.1)
+
+        def handle(self):
+            with contextlib.suppress(ConnectionError):  # the client may go first
+                super().handle()
 
         def log_message(self, *args):
             pass

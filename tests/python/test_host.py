@@ -1,11 +1,12 @@
 """The asyncio host: what C++ holds stays alive, exit and closed loops are quiet, cancellation
-reaches the collaborator, any buffer either works or is a TypeError, and the host's own rules
-for values hold."""
+reaches the collaborator, any buffer works or is a TypeError, the host's rules for values hold,
+and memory stays flat."""
 import array
 import asyncio
 import ctypes
 import gc
 import json
+import resource
 import subprocess
 import sys
 import textwrap
@@ -17,16 +18,11 @@ from orvo_core.event import EventEmitter
 from orvo_core.schema import Chunk
 from orvo_core.utils.similarity import cosine
 from orvo_generation.reference_formatter import SimilarityBasedReferenceFormatter
-from orvo_generation.reference_formatter.reference_formatter import (
-    DEFAULT_FORMAT_CHUNK_METADATA_MAP,
-    BaseReferenceFormatter,
-)
-from orvo_generation.response_synthesizer import (
-    StaticListResponseSynthesizer,
-    StuffResponseSynthesizer,
-)
+from orvo_generation.reference_formatter.reference_formatter import BaseReferenceFormatter
+from orvo_generation.reference_formatter.reference_formatter import DEFAULT_FORMAT_CHUNK_METADATA_MAP
+from orvo_generation.response_synthesizer import StaticListResponseSynthesizer, StuffResponseSynthesizer
 from orvo_inference.em_invoker import OpenAIEMInvoker
-from support import RecordingEmitter, RecordingProcessor, TableInvoker, serve
+from support import DuckEmitter, RecordingEmitter, RecordingProcessor, TableInvoker, serve
 
 try:
     import numpy
@@ -263,5 +259,30 @@ class HostRulesTest(unittest.IsolatedAsyncioTestCase):
             await formatter._run(response="r", chunks=[Chunk(content="x")])
 
 
-if __name__ == "__main__":
-    unittest.main()
+class LeakTest(unittest.TestCase):
+    def test_memory_stays_flat_over_a_hundred_thousand_invocations(self):
+        chunks = [Chunk(content=name, metadata={"file_name": name}) for name in "AB"]
+        invoker = TableInvoker({"A": [1.0, 0.0], "B": [0.0, 1.0]})
+        formatter = SimilarityBasedReferenceFormatter(invoker, stringify=False)
+        processor = RecordingProcessor()
+        synthesizer = StuffResponseSynthesizer(processor)
+
+        async def rounds(count):
+            for _ in range(count // 200):
+                emitter, state = DuckEmitter(), {"context": "c"}
+                await asyncio.gather(
+                    *[formatter._run(response="r", chunks=chunks, event_emitter=emitter) for _ in range(100)],
+                    *[synthesizer._run(query="q", state_variables=state) for _ in range(100)])
+                processor.calls.clear()
+                invoker.calls.clear()
+
+        def resident_kib():
+            with open("/proc/self/statm") as statm:
+                return int(statm.read().split()[1]) * resource.getpagesize() // 1024
+
+        asyncio.run(rounds(20_000))  # warm-up: allocator pools and caches settle
+        gc.collect()
+        before = resident_kib()
+        asyncio.run(rounds(100_000))
+        gc.collect()
+        self.assertLess(resident_kib() - before, 4096, "resident memory grew by more than 4 MiB")

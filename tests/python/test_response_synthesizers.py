@@ -3,10 +3,7 @@ import asyncio
 import unittest
 
 from orvo_core.constants import EventLevel, EventType
-from orvo_generation.response_synthesizer import (
-    StaticListResponseSynthesizer,
-    StuffResponseSynthesizer,
-)
+from orvo_generation.response_synthesizer import StaticListResponseSynthesizer, StuffResponseSynthesizer
 from orvo_generation.response_synthesizer.response_synthesizer import BaseResponseSynthesizer
 from orvo_inference.request_processor import ExtractiveRequestProcessor
 from orvo_inference.schema import PromptRole
@@ -83,16 +80,10 @@ class BaseTest(unittest.IsolatedAsyncioTestCase):
             BaseResponseSynthesizer()
 
         class Echo(BaseResponseSynthesizer):
-            async def synthesize_response(self, query=None, state_variables=None, history=None,
-                                          event_emitter=None, system_multimodal_contents=None,
-                                          user_multimodal_contents=None):
+            async def synthesize_response(self, query=None, state_variables=None, **kwargs):
                 return f"{query}|{state_variables}"
 
         echo = Echo()
         self.assertEqual(await echo._run(query="q", state_variables={"a": 1}), "q|{'a': 1}")
         with self.assertRaises(NotImplementedError):
             await BaseResponseSynthesizer.synthesize_response(echo)
-
-
-if __name__ == "__main__":
-    unittest.main()
