@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <stdexcept>
@@ -33,21 +32,10 @@ using orvo_core::Any;
 
 constexpr std::size_t kRandomValues = 10000;
 
-template <class T>
-T number(std::string_view digits, int base = 10) {
-  T value{};
-  const char* end = digits.data() + digits.size();
-  const auto [ptr, ec] = std::from_chars(digits.data(), end, value, base);
-  if (digits.empty() || ec != std::errc() || ptr != end) {
-    throw std::runtime_error("bad number '" + std::string(digits) + "'");
-  }
-  return value;
-}
-
 std::string from_hex(std::string_view hex) {
   std::string out;
   for (std::size_t i = 0; i < hex.size(); i += 2) {
-    out.push_back(static_cast<char>(number<unsigned>(hex.substr(i, 2), 16)));
+    out.push_back(static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16)));
   }
   return out;
 }
@@ -74,20 +62,20 @@ Any parse_value(const std::vector<std::string_view>& tokens, std::size_t& next) 
     case 'F':
       return Any(token.front() == 'T');
     case 'I':
-      return Any(number<std::int64_t>(body));
+      return Any(std::int64_t{std::stoll(std::string(body))});
     case 'D':
-      return Any(std::bit_cast<double>(number<std::uint64_t>(body, 16)));
+      return Any(std::bit_cast<double>(std::uint64_t{std::stoull(std::string(body), nullptr, 16)}));
     case 'S':
       return Any(from_hex(body));
     case 'L': {
       orvo_core::List list;
-      for (auto n = number<std::size_t>(body); n > 0; --n)
+      for (auto n = std::stoul(std::string(body)); n > 0; --n)
         list.push_back(parse_value(tokens, next));
       return Any(std::move(list));
     }
     case 'M': {
       orvo_core::Map map;
-      for (auto n = number<std::size_t>(body); n > 0; --n) {
+      for (auto n = std::stoul(std::string(body)); n > 0; --n) {
         const Any key = parse_value(tokens, next);
         map.insert_or_assign(key.as_string(), parse_value(tokens, next));
       }

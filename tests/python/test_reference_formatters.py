@@ -111,13 +111,16 @@ class PythonSubclassTest(unittest.IsolatedAsyncioTestCase):
             with self.assertRaises(TypeError):
                 abstract()
 
+        kept = []
+
         class FirstOnly(BaseReferenceFormatter):
             async def _get_relevant_chunks(self, response, chunks):
                 await asyncio.sleep(0)
-                return chunks[:1]
+                kept[:] = chunks[:1]
+                return kept
 
-        self.assertEqual(await FirstOnly()._run(response="r", chunks=[chunk("A"), chunk("B")]),
-                         "References:\n1. A")
+        self.assertIs(await FirstOnly(stringify=False)._run(response="r", chunks=[chunk("A"), chunk("B")]), kept)
+        self.assertEqual(kept[0].content, "A")
 
         class Short(LMBasedReferenceFormatter):
             def _format_chunk_as_context(self, c):

@@ -12,15 +12,17 @@ from support import DuckEmitter, RecordingEmitter, RecordingProcessor
 
 class StuffTest(unittest.IsolatedAsyncioTestCase):
     async def test_the_query_lands_in_the_callers_own_map(self):
-        processor = RecordingProcessor()
+        answer = {"not": "a string"}
+        processor = RecordingProcessor(answer)
         state = {"context": "c", "query": "old"}
         history = [(PromptRole.USER, "hi")]
         emitter = DuckEmitter()
         contents = ["https://example.org/a.png"]
-        answer = await StuffResponseSynthesizer(processor)._run(
+        result = await StuffResponseSynthesizer(processor)._run(
             query="new", state_variables=state, history=history, event_emitter=emitter,
             user_multimodal_contents=contents)
-        self.assertEqual((answer, state), ("answer", {"context": "c", "query": "new"}))
+        self.assertIs(result, answer)
+        self.assertEqual(state, {"context": "c", "query": "new"})
         prompt, args, kwargs = processor.calls[0]
         self.assertEqual([prompt is state, args[0] is history, kwargs["user_multimodal_contents"] is contents],
                          [True] * 3)
