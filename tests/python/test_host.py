@@ -1,14 +1,16 @@
 """The asyncio host: what C++ holds stays alive, exit and closed loops are quiet, cancellation
-reaches the collaborator, any buffer either works or is a TypeError, and the host's own rules
-for values hold."""
+reaches the collaborator, any buffer works or is a TypeError, the host's rules for values hold,
+and memory stays flat."""
 import array
 import asyncio
 import ctypes
 import gc
-import inspect
+import json
+import resource
 import subprocess
 import sys
 import textwrap
+import time
 import unittest
 import weakref
 
@@ -16,64 +18,18 @@ from orvo_core.event import EventEmitter
 from orvo_core.schema import Chunk
 from orvo_core.utils.similarity import cosine
 from orvo_generation.reference_formatter import SimilarityBasedReferenceFormatter
-from orvo_generation.reference_formatter.reference_formatter import (
-    DEFAULT_FORMAT_CHUNK_METADATA_MAP,
-    BaseReferenceFormatter,
-    format_chunk_as_string,
-)
-from orvo_generation.response_synthesizer import (
-    StaticListResponseSynthesizer,
-    StuffResponseSynthesizer,
-)
+from orvo_generation.reference_formatter.reference_formatter import DEFAULT_FORMAT_CHUNK_METADATA_MAP
+from orvo_generation.response_synthesizer import StaticListResponseSynthesizer, StuffResponseSynthesizer
 from orvo_inference.em_invoker import OpenAIEMInvoker
-from support import RecordingProcessor, TableInvoker
+from support import DuckEmitter, RecordingEmitter, RecordingProcessor, TableInvoker, serve
 
 try:
     import numpy
 except ImportError:  # only Debian's python3 has it here
     numpy = None
 
-# The start of the scripts below: an embeddings server on a thread, replying after `delay` s.
-EMBEDDINGS_SERVER = textwrap.dedent("""
-    import asyncio, http.server, json, threading, time
-    from orvo_inference.em_invoker import OpenAIEMInvoker
 
-    def serve_in_thread(delay):
-        class Reply(http.server.BaseHTTPRequestHandler):
-            def do_POST(self):
-                self.rfile.read(int(self.headers["Content-Length"]))
-                time.sleep(delay)
-                body = json.dumps({"data": [{"index": 0, "embedding": [1.0, 0.0]}]}).encode()
-                self.send_response(200)
-                self.send_header("Content-Length", str(len(body)))
-                self.end_headers()
-                self.wfile.write(body)
-
-            def log_message(self, *args):
-                pass
-
-        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Reply)
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        return "http://127.0.0.1:%d" % server.server_address[1]
-""")
-
-
-def start_script(body):
-    """Starts a script with this interpreter and the packages under test."""
-    return subprocess.Popen([sys.executable, "-c", EMBEDDINGS_SERVER + textwrap.dedent(body)],
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-
-
-class Recorder(EventEmitter):
-    def __init__(self, sink):
-        super().__init__()
-        self.sink = sink
-
-    async def emit(self, value, level, type):  # noqa: A002
-        self.sink.append(value)
-
-
-class EmptyRecorder(Recorder):
+class EmptyRecorder(RecordingEmitter):
     """Present, though `len()` says 0: it still gets its events."""
 
     def __len__(self):
@@ -86,8 +42,7 @@ class Sources(Chunk):
 
 class LifetimeTest(unittest.IsolatedAsyncioTestCase):
     async def test_python_subclasses_passed_inline_keep_their_overrides(self):
-        invoker = TableInvoker({"x": [1.0, 0.0]})
-        formatter = SimilarityBasedReferenceFormatter(invoker, stringify=False)
+        formatter = SimilarityBasedReferenceFormatter(TableInvoker({"x": [1.0, 0.0]}), stringify=False)
         listing = StaticListResponseSynthesizer()
         stuff = StuffResponseSynthesizer(RecordingProcessor())
         cases = [
@@ -101,49 +56,56 @@ class LifetimeTest(unittest.IsolatedAsyncioTestCase):
             with self.subTest(make=make.__qualname__):
                 sink = []
                 result = await make(chunks=[Sources(content="x", metadata={"file_name": "A"})],
-                                    event_emitter=Recorder(sink), **kwargs)
+                                    event_emitter=RecordingEmitter(sink), **kwargs)
                 gc.collect()
                 self.assertEqual(len(sink), events)
                 if isinstance(result, list):
                     self.assertIsInstance(result[0], Sources)
 
     async def test_every_object_is_a_present_emitter_and_only_emit_is_checked(self):
-        sink = []
+        sink, chunks = [], [Chunk(content="x")]
         formatter = SimilarityBasedReferenceFormatter(TableInvoker({"x": [1.0, 0.0]}))
-        await formatter._run(response="r", chunks=[Chunk(content="x")], event_emitter=EmptyRecorder(sink))
-        await StaticListResponseSynthesizer()._run(state_variables={"context_list": []},
-                                                   event_emitter=EmptyRecorder(sink))
-        self.assertEqual(len(sink), 2)
+        await formatter._run(response="r", chunks=chunks, event_emitter=EmptyRecorder(sink))
+        self.assertEqual(len(sink), 1)
         for falsy in (0, "", []):
-            self.assertEqual(await formatter._run(response="r", chunks=[Chunk(content="x")],
-                                                  event_emitter=falsy), "References:\n1. None")
+            self.assertEqual(await formatter._run(response="r", chunks=chunks, event_emitter=falsy),
+                             "References:\n1. None")
         self.assertEqual(await formatter._run(response="r", chunks=[], event_emitter=5), "")
         with self.assertRaises(AttributeError):
-            await formatter._run(response="r", chunks=[Chunk(content="x")], event_emitter=5)
+            await formatter._run(response="r", chunks=chunks, event_emitter=5)
 
 
 class ShutdownTest(unittest.TestCase):
+    """Scripts run by this interpreter against an embeddings server in this process; under
+    "/slow" it answers after 0.3 s."""
+
+    def start_script(self, path, body):
+        def reply(path, request):
+            time.sleep(0.3 if path.startswith("/slow") else 0)
+            return 200, "application/json", json.dumps({"data": [{"index": 0, "embedding": [1.0, 0.0]}]})
+
+        if not hasattr(self, "server"):
+            self.server = serve(self, reply)
+        script = ("import asyncio, time\nfrom orvo_inference.em_invoker import OpenAIEMInvoker\n"
+                  f"invoker = OpenAIEMInvoker(model='e', base_url='{self.server.url}{path}')\n")
+        return subprocess.Popen([sys.executable, "-c", script + textwrap.dedent(body)],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
     def test_exit_after_network_calls_is_clean(self):
-        script = """
-            url = serve_in_thread(0)
-            print(asyncio.run(OpenAIEMInvoker(model="e", base_url=url).invoke("x")))
-        """
-        for run in [start_script(script) for _ in range(12)]:
+        runs = [self.start_script("", "print(asyncio.run(invoker.invoke('x')))") for _ in range(12)]
+        for run in runs:
             out, err = run.communicate(timeout=60)
             self.assertEqual((run.returncode, out.strip(), err), (0, "[1.0, 0.0]", ""))
 
     def test_a_reply_to_a_closed_loop_is_dropped(self):
-        script = """
-            import time
-            url = serve_in_thread(0.3)
+        run = self.start_script("/slow", """
             loop = asyncio.new_event_loop()
-            task = loop.create_task(OpenAIEMInvoker(model="e", base_url=url).invoke("x"))
+            task = loop.create_task(invoker.invoke("x"))
             loop.run_until_complete(asyncio.sleep(0.1))
             loop.close()
             time.sleep(0.6)
             print("done")
-        """
-        run = start_script(script)
+        """)
         out, err = run.communicate(timeout=60)
         self.assertEqual((run.returncode, out.strip()), (0, "done"), err)
 
@@ -237,29 +199,28 @@ class BufferTest(unittest.TestCase):
         for name, vector, vectors, expected in cases:
             with self.subTest(name):
                 if isinstance(expected, list):
-                    scores = cosine(vector, vectors)
-                    self.assertEqual([round(s, 4) for s in scores], expected)
+                    self.assertEqual([round(s, 4) for s in cosine(vector, vectors)], expected)
                 else:
                     with self.assertRaises(expected):
                         cosine(vector, vectors)
 
 
 class HostRulesTest(unittest.IsolatedAsyncioTestCase):
-    async def test_the_default_metadata_map_is_one_shared_dict(self):
-        formatter = SimilarityBasedReferenceFormatter(TableInvoker({"x": [1.0, 0.0]}))
-        render = formatter.format_chunk_func
-        self.assertIs(render, formatter.format_chunk_func)
-        self.assertTrue(inspect.isfunction(render))
-        self.assertEqual(render.__name__, "_format_chunk_as_string")
-        self.assertTrue(inspect.isfunction(format_chunk_as_string({})))
+    async def test_metadata_maps_are_the_callers_dicts_read_at_every_call(self):
+        invoker = TableInvoker({"x": [1.0, 0.0]})
         chunk = Chunk(content="x", metadata={"file_name": "A", "name": "B", "file_url": "a"})
-        DEFAULT_FORMAT_CHUNK_METADATA_MAP["title"] = "name"
-        try:
-            self.assertEqual(await formatter._run(response="r", chunks=[chunk]),
-                             "References:\n1. [B](a)")
-            self.assertEqual(render(chunk), "[B](a)")
-        finally:
-            DEFAULT_FORMAT_CHUNK_METADATA_MAP["title"] = "file_name"
+        custom = {"title": "file_name", "url": "file_url"}
+        for metadata_map, formatter in [
+            (DEFAULT_FORMAT_CHUNK_METADATA_MAP, SimilarityBasedReferenceFormatter(invoker)),
+            (custom, SimilarityBasedReferenceFormatter(invoker, format_chunk_metadata_map=custom)),
+        ]:
+            metadata_map["title"] = "name"
+            try:
+                self.assertEqual(formatter.format_chunk_func(chunk), "[B](a)")
+            finally:
+                metadata_map["title"] = "file_name"
+        chunk.metadata["file_url"] = "b"
+        self.assertEqual(await formatter._run(response="r", chunks=[chunk]), "References:\n1. [A](b)")
 
     async def test_arguments_nobody_reads_are_never_converted(self):
         processor = RecordingProcessor()
@@ -271,44 +232,31 @@ class HostRulesTest(unittest.IsolatedAsyncioTestCase):
         formatter = SimilarityBasedReferenceFormatter(TableInvoker({}))
         self.assertEqual(await formatter._run(response="r", chunks=[], **odd), "")
 
-    async def test_results_pass_through_unchanged(self):
-        answer = {"not": "a string"}
-        stuff = StuffResponseSynthesizer(RecordingProcessor(answer))
-        self.assertIs(await stuff._run(query="q"), answer)
-        invoker = TableInvoker({})
-        formatter = SimilarityBasedReferenceFormatter(invoker)
-        self.assertEqual(await formatter._get_relevant_chunks("r", None), [])
-        self.assertEqual(invoker.calls, [])
 
-        kept = []
+class LeakTest(unittest.TestCase):
+    def test_memory_stays_flat_over_a_hundred_thousand_invocations(self):
+        chunks = [Chunk(content=name, metadata={"file_name": name}) for name in "AB"]
+        invoker = TableInvoker({"A": [1.0, 0.0], "B": [0.0, 1.0]})
+        formatter = SimilarityBasedReferenceFormatter(invoker, stringify=False)
+        processor = RecordingProcessor()
+        synthesizer = StuffResponseSynthesizer(processor)
 
-        class Mine(BaseReferenceFormatter):
-            async def _get_relevant_chunks(self, response, chunks):
-                kept[:] = chunks
-                return kept
+        async def rounds(count):
+            for _ in range(count // 200):
+                emitter, state = DuckEmitter(), {"context": "c"}
+                await asyncio.gather(
+                    *[formatter._run(response="r", chunks=chunks, event_emitter=emitter) for _ in range(100)],
+                    *[synthesizer._run(query="q", state_variables=state) for _ in range(100)])
+                processor.calls.clear()
+                invoker.calls.clear()
 
-        sink = []
-        result = await Mine(stringify=False)._run(response="r", chunks=[Chunk(content="x")],
-                                                  event_emitter=Recorder(sink))
-        self.assertIs(result, kept)
-        self.assertEqual(len(sink), 1)
+        def resident_kib():
+            with open("/proc/self/statm") as statm:
+                return int(statm.read().split()[1]) * resource.getpagesize() // 1024
 
-    async def test_constructors_check_nothing(self):
-        listing = StaticListResponseSynthesizer(response_prefix=None)
-        self.assertIsNone(listing.preceding_line)
-        self.assertEqual(await listing._run(state_variables={"context_list": []}),
-                         "Sorry, I couldn't find anything based on your query.")
-        with self.assertRaisesRegex(TypeError, "preceding_line"):
-            await listing._run(state_variables={"context_list": ["a"]})
-        listing.preceding_line = "> "
-        self.assertEqual(await listing._run(state_variables={"context_list": ["a"]}), "> 1. a")
-        formatter = SimilarityBasedReferenceFormatter(TableInvoker({"x": [1.0, 0.0]}), None)
-        self.assertIsNone(formatter.threshold)
-        self.assertEqual(await formatter._run(response="r", chunks=[]), "")
-        with self.assertRaisesRegex(TypeError, "NoneType"):
-            await formatter._run(response="r", chunks=[Chunk(content="x")])
-        self.assertFalse(SimilarityBasedReferenceFormatter(None, stringify=None).stringify)
-
-
-if __name__ == "__main__":
-    unittest.main()
+        asyncio.run(rounds(20_000))  # warm-up: allocator pools and caches settle
+        gc.collect()
+        before = resident_kib()
+        asyncio.run(rounds(100_000))
+        gc.collect()
+        self.assertLess(resident_kib() - before, 4096, "resident memory grew by more than 4 MiB")

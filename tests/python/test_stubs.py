@@ -1,16 +1,14 @@
-"""The type stubs parse, cover the modules' exports, and name only what exists, with the
-binding's parameter names; bound classes and functions show their public module."""
+"""The type stubs parse, cover the modules' exports and name only what exists, with the binding's
+parameter names; bound classes and functions show a public module that has them."""
 import ast
 import importlib
 import inspect
 import pathlib
 import unittest
 
-PACKAGES = ("orvo_core", "orvo_inference", "orvo_generation")
-
 
 def stubs():
-    for package in PACKAGES:
+    for package in ("orvo_core", "orvo_inference", "orvo_generation"):
         root = pathlib.Path(importlib.import_module(package).__path__[0])
         for path in sorted(root.rglob("*.pyi")):
             parts = path.relative_to(root.parent).with_suffix("").parts
@@ -35,60 +33,44 @@ def runtime_parameters(function):
     return parameters(ast.parse(signature).body[0].args)
 
 
+def defined(node):
+    if isinstance(node, (ast.ClassDef, ast.FunctionDef, ast.AsyncFunctionDef)):
+        return [node.name]
+    if isinstance(node, ast.AnnAssign):
+        return [node.target.id]
+    if isinstance(node, ast.ImportFrom):
+        return [alias.asname for alias in node.names if alias.asname]
+    return []
+
+
 class Stubs(unittest.TestCase):
+    def check(self, owner, body, where):
+        """Checks the stub statements `body` against the module or class `owner`; gives the number
+        of class members checked. Private helpers of a stub module need not exist."""
+        checked = 0
+        for node in body:
+            for target in defined(node):
+                if isinstance(owner, type) or not target.startswith("_"):
+                    self.assertTrue(hasattr(owner, target), f"{where}.{target}")
+                    checked += isinstance(owner, type)
+            name = getattr(node, "name", "")
+            member = getattr(owner, name, None)
+            if isinstance(node, ast.ClassDef) and member is not None:
+                checked += self.check(member, node.body, f"{where}.{name}")
+            elif callable(member) and (name == "__init__" or "__" not in name):
+                self.assertEqual(parameters(node.args), runtime_parameters(member), f"{where}.{name}")
+        return checked
+
     def test_stubs_name_only_what_exists_with_the_same_parameters(self):
         checked = 0
         for name, path in stubs():
             module = importlib.import_module(name)
-            tree = ast.parse(path.read_text(encoding="utf-8"), str(path))
-            defined = {target for node in tree.body for target in self.defined(node)}
-            self.assertEqual(set(module.__all__) - defined, set(), name)
-            for node in tree.body:
-                for target in self.defined(node):
-                    if not target.startswith("_"):
-                        self.assertTrue(hasattr(module, target), f"{name}.{target}")
-                if getattr(node, "name", "_").startswith("_"):  # private helpers of the stubs
-                    continue
-                if isinstance(node, ast.FunctionDef):
-                    self.assertEqual(parameters(node.args),
-                                     runtime_parameters(getattr(module, node.name)), node.name)
-                if isinstance(node, ast.ClassDef):
-                    checked += self.check_class(getattr(module, node.name), node)
-        self.assertGreater(checked, 50)
-
-    def check_class(self, cls, node):
-        checked = 0
-        for member in node.body:
-            for target in self.defined(member):
-                self.assertTrue(hasattr(cls, target), f"{cls.__qualname__}.{target}")
-                checked += 1
-            if isinstance(member, (ast.FunctionDef, ast.AsyncFunctionDef)):
-                function = getattr(cls, member.name)
-                if callable(function) and (member.name == "__init__" or "__" not in member.name):
-                    self.assertEqual(parameters(member.args), runtime_parameters(function),
-                                     f"{cls.__qualname__}.{member.name}")
-        return checked
-
-    @staticmethod
-    def defined(node):
-        if isinstance(node, (ast.ClassDef, ast.FunctionDef, ast.AsyncFunctionDef)):
-            return [node.name]
-        if isinstance(node, ast.AnnAssign):
-            return [node.target.id]
-        if isinstance(node, ast.ImportFrom):
-            return [alias.asname for alias in node.names if alias.asname]
-        return []
-
-    def test_bound_objects_show_a_public_module_that_has_them(self):
-        for name, _ in stubs():
-            module = importlib.import_module(name)
+            body = ast.parse(path.read_text(encoding="utf-8"), str(path)).body
+            self.assertEqual(set(module.__all__) - {t for node in body for t in defined(node)}, set(), name)
+            checked += self.check(module, body, name)
             for export in module.__all__:
                 value = getattr(module, export)
                 if isinstance(value, type) or callable(value):
-                    home = importlib.import_module(value.__module__)
-                    self.assertIs(getattr(home, value.__name__), value, f"{name}.{export}")
+                    self.assertIs(getattr(importlib.import_module(value.__module__), value.__name__), value)
                     self.assertNotIn("_native", value.__module__, f"{name}.{export}")
-
-
-if __name__ == "__main__":
-    unittest.main()
+        self.assertGreater(checked, 50)
