@@ -99,8 +99,12 @@ std::string difference(std::string_view expected, std::string_view got) {
 }
 
 TEST(any_differential, matches_host_str_repr_and_json) {
-  const std::string command =
-      std::string("python3 '") + ORVO_ORACLE_SCRIPT + "' 20240611 " + std::to_string(kRandomValues);
+  // The path is quoted for the shell, whatever it holds.
+  std::string script = ORVO_ORACLE_SCRIPT;
+  for (std::size_t at = 0; (at = script.find('\'', at)) != std::string::npos; at += 4) {
+    script.replace(at, 1, "'\\''");
+  }
+  const std::string command = "python3 '" + script + "' 20240611 " + std::to_string(kRandomValues);
   FILE* pipe = ::popen(command.c_str(), "r");
   ASSERT_NE(pipe, nullptr) << "could not start a shell to run: " << command;
   std::string contents;
