@@ -83,15 +83,9 @@ TEST(lm_based_reference_formatter, sends_batches_of_five_in_order_and_matches_pe
   };
   EXPECT_EQ(f.relevant(labelled(7)), "c1 c4 c5");
   ASSERT_EQ(f.processor->calls.size(), 2U);
-  for (const auto& call : f.processor->calls) {
-    ASSERT_EQ(call.snapshot.size(), 2U);
-    EXPECT_EQ(call.snapshot.begin()->first, "response");
-    EXPECT_EQ(orvo_core::get(call.snapshot, "response"), Any("resp"));
-    EXPECT_TRUE(call.history.is_none());
-    EXPECT_EQ(call.event_emitter, nullptr);
-  }
-  EXPECT_EQ(orvo_core::get(f.processor->calls[1].snapshot, "context").str(),
-            "[CHUNK]\nfile_name: f5.pdf\nContent:\nc5\n\n[CHUNK]\nfile_name: f6.pdf\nContent:\nc6");
+  EXPECT_EQ(Any(f.processor->calls[1].snapshot).str(),
+            "{'response': 'resp', 'context': '[CHUNK]\\nfile_name: f5.pdf\\nContent:\\nc5\\n\\n"
+            "[CHUNK]\\nfile_name: f6.pdf\\nContent:\\nc6'}");
 }
 
 TEST(lm_based_reference_formatter, the_answer_only_selects_and_must_be_a_list) {
@@ -113,10 +107,7 @@ TEST(lm_based_reference_formatter, the_answer_only_selects_and_must_be_a_list) {
       {"case-sensitive", answer(List{Any("A.pdf")}), {a}, ""},
       {"the text None is not null", answer(List{Any("None")}), {unlabelled}, ""},
       {"null selects the unlabelled", answer(List{Any()}), {unlabelled, a}, "u"},
-      {"no map", Any(List{}), {a}, "TypeError"},
       {"no key", Any(Map{}), {a}, "TypeError"},
-      {"null", answer(Any()), {a}, "TypeError"},
-      {"a number", answer(Any(3)), {a}, "TypeError"},
       {"a string would match substrings", answer(Any("a.pdf, b.pdf")), {a}, "TypeError"},
   };
   for (const auto& c : cases) {
@@ -129,10 +120,9 @@ TEST(lm_based_reference_formatter, context_and_answer_follow_the_reference_metad
   Fixture f(Map{{"page", List{Any(7.0)}}});
   f.formatter.reference_metadata = "page";
   const auto chunk = std::make_shared<orvo_core::Chunk>("Alpha", Map{{"page", 7}});
-  EXPECT_EQ(f.formatter._format_chunk_as_context(*chunk), "[CHUNK]\npage: 7\nContent:\nAlpha");
-  EXPECT_EQ(f.formatter._format_chunk_as_context(orvo_core::Chunk("Beta")),
-            "[CHUNK]\npage: None\nContent:\nBeta");
-  EXPECT_EQ(f.relevant({chunk}), "Alpha") << "labels compare as values: 7 equals 7.0";
+  EXPECT_EQ(f.relevant({chunk, make_chunk("Beta")}), "Alpha") << "7 equals 7.0";
+  EXPECT_EQ(orvo_core::get(f.processor->calls[0].snapshot, "context").str(),
+            "[CHUNK]\npage: 7\nContent:\nAlpha\n\n[CHUNK]\npage: None\nContent:\nBeta");
 }
 
 TEST(lm_based_reference_formatter, batch_size_rules) {
@@ -144,11 +134,8 @@ TEST(lm_based_reference_formatter, batch_size_rules) {
   } cases[] = {
       {Any(-1), 3, "", 0},
       {Any(2), 5, "c0 c1", 3},  // An answer that selects nothing does not stop the rest.
-      {Any(5), 0, "", 0},
       {Any(0), 0, "ValueError", 0},
-      {Any(2.5), 3, "TypeError", 0},
       {Any("2"), 3, "TypeError", 0},
-      {Any(), 3, "TypeError", 0},
   };
   for (const auto& c : cases) {
     Fixture f(answer(List{Any("f0.pdf"), Any("f1.pdf")}));
@@ -195,7 +182,6 @@ TEST(lm_based_reference_formatter, concurrent_batches_merge_in_input_order) {
     int most_calls;  // a failure stops the batches not yet sent
   } cases[] = {{1, "", "c0 c2 c4 c6 c8", 1, 5},
                {1, "f0.pdf", "judge failed", 1, 1},
-               {3, "", "c0 c2 c4 c6 c8", 3, 5},
                {8, "", "c0 c2 c4 c6 c8", 5, 5},
                {2, "f0.pdf", "judge failed", 2, 3}};
   for (const auto& c : cases) {
@@ -237,14 +223,14 @@ TEST(lm_based_reference_formatter, batch_failure_policies_decide_and_report) {
     if (!c.bad_answer) f.formatter.fallback_em_invoker = invoker;
     const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
     EXPECT_EQ(outcome(f.formatter._select_relevant_chunks("resp", labelled(6), emitter)), c.kept);
-    const std::string expected =
-        *c.error == '\0'
-            ? ""
-            : R"({"data_type": "reference_batch_failure", "data_value": {"batch": 2, )"
-              R"("first_chunk": 2, "chunks": 2, "policy": ")" +
-                  std::string(rf::to_string(c.policy)) + R"(", "error": ")" + c.error + "\"}}";
-    EXPECT_EQ(emitter->values(),
-              expected.empty() ? std::vector<std::string>{} : std::vector<std::string>{expected});
+    const std::vector<std::string> events = emitter->values();
+    ASSERT_EQ(events.size(), *c.error == '\0' ? 0U : 1U) << rf::to_string(c.policy);
+    if (!events.empty()) {
+      const std::string policy(rf::to_string(c.policy));
+      EXPECT_EQ(events[0], R"({"data_type": "reference_batch_failure", "data_value": {"batch": 2, )"
+                           R"("first_chunk": 2, "chunks": 2, "policy": ")" +
+                               policy + R"(", "error": ")" + c.error + "\"}}");
+    }
   }
 }
 
