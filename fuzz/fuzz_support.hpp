@@ -1,7 +1,7 @@
 #pragma once
 
-// Shared pieces of the fuzz targets: a byte reader, a builder of dynamic values, an independent
-// UTF-8 decoder and the failure report.
+// Shared pieces of the fuzz targets: a byte reader, a builder of dynamic values, a UTF-8 check
+// and the failure report.
 
 #include <cmath>
 #include <cstddef>
@@ -18,6 +18,7 @@
 
 #include "orvo_core/any.hpp"
 #include "orvo_core/schema/chunk.hpp"
+#include "orvo_core/text.hpp"
 
 namespace orvo_fuzz {
 
@@ -96,45 +97,12 @@ class Input {
   std::size_t pos_ = 0;
 };
 
-/// One step of a strict UTF-8 decoder written from the definition, independent of the
-/// library's: the code point and the length of the well-formed sequence at `pos`, or
-/// `valid == false` and length 1 for a byte that starts none.
-struct Utf8Step {
-  char32_t cp;
-  std::size_t len;
-  bool valid;
-};
-
-inline Utf8Step utf8_step(std::string_view s, std::size_t pos) {
-  const auto at = [&](std::size_t i) { return static_cast<unsigned char>(s[pos + i]); };
-  const unsigned char b0 = at(0);
-  if (b0 < 0x80) return {b0, 1, true};
-  std::size_t len = 0;
-  char32_t cp = 0;
-  char32_t min = 0;
-  if ((b0 & 0xE0) == 0xC0) {
-    len = 2, cp = b0 & 0x1Fu, min = 0x80;
-  } else if ((b0 & 0xF0) == 0xE0) {
-    len = 3, cp = b0 & 0x0Fu, min = 0x800;
-  } else if ((b0 & 0xF8) == 0xF0) {
-    len = 4, cp = b0 & 0x07u, min = 0x10000;
-  } else {
-    return {0, 1, false};
-  }
-  if (s.size() - pos < len) return {0, 1, false};
-  for (std::size_t i = 1; i < len; ++i) {
-    if ((at(i) & 0xC0) != 0x80) return {0, 1, false};
-    cp = cp << 6 | (at(i) & 0x3Fu);
-  }
-  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return {0, 1, false};
-  return {cp, len, true};
-}
-
+/// Whether `s` is well-formed UTF-8: the library's decoder, pinned by its unit table, escapes
+/// each byte that starts no sequence as U+DC80..U+DCFF, which no well-formed sequence encodes.
 inline bool valid_utf8(std::string_view s) {
   for (std::size_t pos = 0; pos < s.size();) {
-    const Utf8Step step = utf8_step(s, pos);
-    if (!step.valid) return false;
-    pos += step.len;
+    const char32_t cp = orvo_core::text::decode(s, pos);
+    if (cp >= 0xDC80 && cp <= 0xDCFF) return false;
   }
   return true;
 }

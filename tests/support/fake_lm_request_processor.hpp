@@ -41,7 +41,9 @@ class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor,
                          event_emitter, std::move(system_multimodal_contents),
                          std::move(user_multimodal_contents)});
     const std::size_t index = calls.size() - 1;
+    peak_in_flight = std::max(peak_in_flight, ++in_flight);
     if (delay != nullptr) co_await delay->wait();
+    --in_flight;
     orvo_core::Any answer = respond ? respond(calls[index].snapshot, index) : orvo_core::Any();
     const std::string text = stream_words && event_emitter ? answer.as_string() : "";
     for (std::size_t begin = 0; begin < text.size();) {
@@ -61,6 +63,8 @@ class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor,
   std::optional<std::size_t> fail_at;  ///< Call index (from 0) that throws.
   RandomDelay* delay = nullptr;        ///< Awaited before the answer and before each word.
   bool stream_words = false;           ///< Streams a text answer as RESPONSE events.
+  std::size_t in_flight = 0;           ///< Calls waiting for their delay.
+  std::size_t peak_in_flight = 0;
 };
 
 }  // namespace orvo_test

@@ -1,6 +1,5 @@
 #include "orvo_generation/reference_formatter/lm_based_reference_formatter.hpp"
 
-#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
@@ -145,53 +144,41 @@ TEST(lm_based_reference_formatter, batch_size_rules) {
   }
 }
 
-// Answers after a delay that shrinks from batch to batch, so later batches answer first; selects
-// the even labels, and fails the batch whose context holds `fail_label`.
-class SlowJudge : public orvo_inference::LMRequestProcessor {
- public:
-  orvo_core::Awaitable<Any> process(std::shared_ptr<Map> prompt_kwargs, Any /*history*/,
-                                    std::shared_ptr<orvo_core::EventEmitter> /*emitter*/,
-                                    Any /*system*/, Any /*user*/) override {
-    const std::string context = orvo_core::get(*prompt_kwargs, "context").str();
-    peak = std::max(peak, ++in_flight);
-    ++calls;
-    const auto delay = std::chrono::milliseconds(40) - std::chrono::milliseconds(2 * calls);
-    co_await orvo_test::sleep_for(std::max(delay, std::chrono::milliseconds(1)) + extra_delay);
-    --in_flight;
+// A judge that answers after random delays, so that batches finish out of order; it selects the
+// even labels, and fails the batch whose context shows `fail_label`.
+std::shared_ptr<orvo_test::FakeLMRequestProcessor> slow_judge(orvo_test::RandomDelay& delay,
+                                                              std::string fail_label = "") {
+  auto judge = std::make_shared<orvo_test::FakeLMRequestProcessor>();
+  judge->delay = &delay;
+  judge->respond = [fail_label](const Map& prompt, std::size_t /*i*/) {
+    const std::string context = orvo_core::get(prompt, "context").str();
     if (!fail_label.empty() && context.find(fail_label + "\n") != std::string::npos) {
       throw std::runtime_error("judge failed");
     }
-    List even;
-    for (int i = 0; i < 100; i += 2) even.emplace_back("f" + std::to_string(i) + ".pdf");
-    co_return answer(std::move(even));
-  }
-
-  int in_flight = 0;
-  int peak = 0;
-  int calls = 0;
-  std::string fail_label;
-  std::chrono::milliseconds extra_delay{0};
-};
+    return answer(List{Any("f0.pdf"), Any("f2.pdf"), Any("f4.pdf"), Any("f6.pdf"), Any("f8.pdf")});
+  };
+  return judge;
+}
 
 TEST(lm_based_reference_formatter, concurrent_batches_merge_in_input_order) {
   const struct {
     std::int64_t concurrency;
     const char* fail_label;
     const char* kept;
-    int peak;
-    int most_calls;  // a failure stops the batches not yet sent
+    std::size_t peak;
+    std::size_t most_calls;  // a failure stops the batches not yet sent
   } cases[] = {{1, "", "c0 c2 c4 c6 c8", 1, 5},
                {1, "f0.pdf", "judge failed", 1, 1},
                {8, "", "c0 c2 c4 c6 c8", 5, 5},
                {2, "f0.pdf", "judge failed", 2, 3}};
+  orvo_test::RandomDelay delay(7, std::chrono::milliseconds(20));
   for (const auto& c : cases) {
-    const auto judge = std::make_shared<SlowJudge>();
-    judge->fail_label = c.fail_label;
+    const auto judge = slow_judge(delay, c.fail_label);
     rf::LMBasedReferenceFormatter formatter(judge, 2);
     formatter.max_concurrency = c.concurrency;
     EXPECT_EQ(outcome(formatter._get_relevant_chunks("r", labelled(10))), c.kept);
-    EXPECT_EQ(judge->peak, c.peak) << c.concurrency;
-    EXPECT_LE(judge->calls, c.most_calls) << c.concurrency;
+    EXPECT_EQ(judge->peak_in_flight, c.peak) << c.concurrency;
+    EXPECT_LE(judge->calls.size(), c.most_calls) << c.concurrency;
   }
 }
 
@@ -235,9 +222,9 @@ TEST(lm_based_reference_formatter, batch_failure_policies_decide_and_report) {
 }
 
 TEST(lm_based_reference_formatter, cancelling_the_call_is_no_batch_failure) {
+  orvo_test::RandomDelay delay(7, std::chrono::milliseconds(400));
   for (const std::int64_t concurrency : {1, 4}) {
-    const auto judge = std::make_shared<SlowJudge>();
-    judge->extra_delay = std::chrono::milliseconds(200);
+    const auto judge = slow_judge(delay);
     rf::LMBasedReferenceFormatter formatter(judge, 2);
     formatter.max_concurrency = concurrency;
     formatter.on_batch_failure = rf::BatchFailurePolicy::KEEP;
