@@ -81,7 +81,6 @@ class Soak {
       turn.tag = "#" + std::to_string(id);
       turn.judged = upto(3) == 0;
       turn.fails = upto(19) == 0 ? kSynthesizer : upto(19) == 0 ? kFormatter : kNone;
-      turn.state->emplace("context", "x" + turn.tag);
       turn.state->emplace("live", Any(std::make_shared<LiveToken>()));
       // A third of the emitters delay every event.
       turn.emitter =
@@ -92,12 +91,11 @@ class Soak {
         const std::size_t n = turn.chunks.size();
         const bool relevant = upto(1) == 1;
         if (relevant) turn.relevant.push_back(n);
-        Map metadata{{"file_name", "t" + turn.tag + "@" + std::to_string(n)},
-                     {"live", Any(std::make_shared<LiveToken>())}};
-        const std::string content = "c" + turn.tag + "@" + std::to_string(n);
-        const float scale = relevant ? static_cast<float>(1 + n % 3) : n % 2 == 0 ? -1.0F : 0.0F;
-        embedder_->table[content] = {scale * x, scale};
-        turn.chunks.emplace_back(std::make_shared<orvo_core::Chunk>(content, std::move(metadata)));
+        // The title and the content both name the chunk.
+        const std::string name = turn.tag + "@" + std::to_string(n);
+        Map metadata{{"file_name", name}, {"live", Any(std::make_shared<LiveToken>())}};
+        embedder_->table[name] = relevant ? orvo_core::Embedding{x, 1} : orvo_core::Embedding{0, 0};
+        turn.chunks.emplace_back(std::make_shared<orvo_core::Chunk>(name, std::move(metadata)));
       }
       // Without chunks a formatter asks no one; otherwise a missing embedding fails the turn.
       if (turn.chunks.empty() && turn.fails == kFormatter) turn.fails = kNone;
@@ -114,7 +112,7 @@ class Soak {
       const Turn& turn = turn_named(orvo_core::get(prompt, "context").str(), kFormatter);
       List titles;
       for (const std::size_t n : turn.relevant)
-        titles.emplace_back("t" + turn.tag + "@" + std::to_string(n));
+        titles.emplace_back(turn.tag + "@" + std::to_string(n));
       return Any(Map{{"file_name", std::move(titles)}});
     };
   }
@@ -194,10 +192,9 @@ std::string problems(std::size_t id, const Turn& turn) {
     }
   } else {
     problem(turn.error != nullptr, "failed");
-    // Exactly the relevant chunks; their order is the formatters' tests' matter.
-    auto cited = numbers_after(turn.result.str(), '@');
-    std::sort(cited.begin(), cited.end());
-    problem(cited != turn.relevant || !names_only_this_turn(turn.result.str()),
+    // Exactly the relevant chunks, which score alike and so keep their order.
+    problem(numbers_after(turn.result.str(), '@') != turn.relevant ||
+                !names_only_this_turn(turn.result.str()),
             "cited " + turn.result.repr());
   }
   // Status messages by their opening, the answer word by word, "DATA" for the references.
@@ -220,7 +217,7 @@ std::string problems(std::size_t id, const Turn& turn) {
   }
   problem(seen != expected, "emitted other events than planned");
   problem(turn.emitter->overlapping != 0, "an emit started before the last had ended");
-  problem(turn.state->size() != 3 || orvo_core::get(*turn.state, "query") != Any("q" + turn.tag),
+  problem(turn.state->size() != 2 || orvo_core::get(*turn.state, "query") != Any("q" + turn.tag),
           "state variables " + Any(turn.state).repr());
   return out;
 }
