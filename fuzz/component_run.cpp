@@ -254,7 +254,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   if (!error.empty()) {
     ORVO_FUZZ_CHECK(driver || error == "emit" || sent.empty(), context + " [" + error + "]");
-    builder.release();
     return 0;
   }
 
@@ -284,6 +283,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (writes_query) ORVO_FUZZ_CHECK(call.prompt_kwargs == state.map_ptr(), context);
   }
   ORVO_FUZZ_CHECK(setup.streamable || driver || sent.empty(), context);
-  builder.release();
   return 0;
 }

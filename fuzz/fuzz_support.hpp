@@ -132,15 +132,12 @@ class ValueBuilder {
   explicit ValueBuilder(Input& in, ObjectFactory objects = {}, int max_depth = 5)
       : in_(in), objects_(std::move(objects)), max_depth_(max_depth) {}
 
-  /// Whether a container built so far holds one of its own ancestors.
-  [[nodiscard]] bool made_cycle() const { return made_cycle_; }
-  /// Whether a NaN was built.
-  [[nodiscard]] bool made_nan() const { return made_nan_; }
+  bool made_cycle = false;  ///< A container built so far holds one of its own ancestors.
+  bool made_nan = false;    ///< A NaN was built.
 
   /// Empties every container and chunk built, which breaks the reference cycles that would
-  /// otherwise leak: a value that holds itself is never freed by reference counting. Call when
-  /// done.
-  void release() {
+  /// otherwise leak: a value that holds itself is never freed by reference counting.
+  ~ValueBuilder() {
     for (orvo_core::Any& c : done_) {
       if (c.is_list()) {
         c.as_list().clear();
@@ -188,7 +185,7 @@ class ValueBuilder {
       const std::uint64_t bits = in_.u64();
       std::memcpy(&d, &bits, sizeof d);
     }
-    if (std::isnan(d)) made_nan_ = true;
+    if (std::isnan(d)) made_nan = true;
     return d;
   }
 
@@ -230,38 +227,31 @@ class ValueBuilder {
     return made;
   }
 
-  orvo_core::Any list(int depth) {
-    auto list = std::make_shared<orvo_core::List>();
-    const orvo_core::Any self(list);
-    open_.push_back(self);
-    for (std::size_t n = in_.below(5); n > 0; --n) {
-      orvo_core::Any v = value(depth + 1);
-      list->push_back(std::move(v));
-    }
-    open_.pop_back();
-    done_.push_back(self);
-    return self;
-  }
-
-  orvo_core::Any map(int depth) {
-    auto map = std::make_shared<orvo_core::Map>();
-    const orvo_core::Any self(map);
-    open_.push_back(self);
-    for (std::size_t n = in_.below(5); n > 0; --n) {
-      std::string k = key();
-      orvo_core::Any v = value(depth + 1);
-      map->insert_or_assign(std::move(k), std::move(v));
-    }
-    open_.pop_back();
-    done_.push_back(self);
-    return self;
-  }
+  orvo_core::Any list(int depth) { return container(depth, false); }
+  orvo_core::Any map(int depth) { return container(depth, true); }
 
  private:
+  orvo_core::Any container(int depth, bool is_map) {
+    const orvo_core::Any self = is_map ? orvo_core::Any(orvo_core::Map()) : orvo_core::List();
+    open_.push_back(self);
+    for (std::size_t n = in_.below(5); n > 0; --n) {
+      std::string k = is_map ? key() : std::string();
+      orvo_core::Any v = value(depth + 1);
+      if (is_map) {
+        self.as_map().insert_or_assign(std::move(k), std::move(v));
+      } else {
+        self.as_list().push_back(std::move(v));
+      }
+    }
+    open_.pop_back();
+    done_.push_back(self);
+    return self;
+  }
+
   // A container built before, or one still being filled, which closes a cycle.
   orvo_core::Any shared(int depth) {
     if (in_.flag() && !open_.empty()) {
-      made_cycle_ = true;
+      made_cycle = true;
       return open_[in_.below(open_.size())];
     }
     if (done_.empty()) return list(depth);
@@ -271,8 +261,6 @@ class ValueBuilder {
   Input& in_;
   ObjectFactory objects_;
   int max_depth_;
-  bool made_cycle_ = false;
-  bool made_nan_ = false;
   std::vector<orvo_core::Any> open_;  // containers being filled, outermost first
   std::vector<orvo_core::Any> done_;  // containers finished
   std::vector<std::shared_ptr<orvo_core::Chunk>> chunks_;  // chunks built

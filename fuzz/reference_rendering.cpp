@@ -118,6 +118,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
 
   check(chunks, map);
-  builder.release();
   return 0;
 }
