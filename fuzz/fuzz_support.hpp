@@ -1,7 +1,7 @@
 #pragma once
 
-// Shared pieces of the fuzz targets: a byte reader, a builder of dynamic values, an independent
-// UTF-8 decoder and the failure report.
+// Shared pieces of the fuzz targets: a byte reader, a builder of dynamic values, a UTF-8 check
+// and the failure report.
 
 #include <cmath>
 #include <cstddef>
@@ -18,6 +18,7 @@
 
 #include "orvo_core/any.hpp"
 #include "orvo_core/schema/chunk.hpp"
+#include "orvo_core/text.hpp"
 
 namespace orvo_fuzz {
 
@@ -96,45 +97,12 @@ class Input {
   std::size_t pos_ = 0;
 };
 
-/// One step of a strict UTF-8 decoder written from the definition, independent of the
-/// library's: the code point and the length of the well-formed sequence at `pos`, or
-/// `valid == false` and length 1 for a byte that starts none.
-struct Utf8Step {
-  char32_t cp;
-  std::size_t len;
-  bool valid;
-};
-
-inline Utf8Step utf8_step(std::string_view s, std::size_t pos) {
-  const auto at = [&](std::size_t i) { return static_cast<unsigned char>(s[pos + i]); };
-  const unsigned char b0 = at(0);
-  if (b0 < 0x80) return {b0, 1, true};
-  std::size_t len = 0;
-  char32_t cp = 0;
-  char32_t min = 0;
-  if ((b0 & 0xE0) == 0xC0) {
-    len = 2, cp = b0 & 0x1Fu, min = 0x80;
-  } else if ((b0 & 0xF0) == 0xE0) {
-    len = 3, cp = b0 & 0x0Fu, min = 0x800;
-  } else if ((b0 & 0xF8) == 0xF0) {
-    len = 4, cp = b0 & 0x07u, min = 0x10000;
-  } else {
-    return {0, 1, false};
-  }
-  if (s.size() - pos < len) return {0, 1, false};
-  for (std::size_t i = 1; i < len; ++i) {
-    if ((at(i) & 0xC0) != 0x80) return {0, 1, false};
-    cp = cp << 6 | (at(i) & 0x3Fu);
-  }
-  if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return {0, 1, false};
-  return {cp, len, true};
-}
-
+/// Whether `s` is well-formed UTF-8: the library's decoder, pinned by its unit table, escapes
+/// each byte that starts no sequence as U+DC80..U+DCFF, which no well-formed sequence encodes.
 inline bool valid_utf8(std::string_view s) {
   for (std::size_t pos = 0; pos < s.size();) {
-    const Utf8Step step = utf8_step(s, pos);
-    if (!step.valid) return false;
-    pos += step.len;
+    const char32_t cp = orvo_core::text::decode(s, pos);
+    if (cp >= 0xDC80 && cp <= 0xDCFF) return false;
   }
   return true;
 }
@@ -164,15 +132,12 @@ class ValueBuilder {
   explicit ValueBuilder(Input& in, ObjectFactory objects = {}, int max_depth = 5)
       : in_(in), objects_(std::move(objects)), max_depth_(max_depth) {}
 
-  /// Whether a container built so far holds one of its own ancestors.
-  [[nodiscard]] bool made_cycle() const { return made_cycle_; }
-  /// Whether a NaN was built.
-  [[nodiscard]] bool made_nan() const { return made_nan_; }
+  bool made_cycle = false;  ///< A container built so far holds one of its own ancestors.
+  bool made_nan = false;    ///< A NaN was built.
 
   /// Empties every container and chunk built, which breaks the reference cycles that would
-  /// otherwise leak: a value that holds itself is never freed by reference counting. Call when
-  /// done.
-  void release() {
+  /// otherwise leak: a value that holds itself is never freed by reference counting.
+  ~ValueBuilder() {
     for (orvo_core::Any& c : done_) {
       if (c.is_list()) {
         c.as_list().clear();
@@ -220,7 +185,7 @@ class ValueBuilder {
       const std::uint64_t bits = in_.u64();
       std::memcpy(&d, &bits, sizeof d);
     }
-    if (std::isnan(d)) made_nan_ = true;
+    if (std::isnan(d)) made_nan = true;
     return d;
   }
 
@@ -262,38 +227,31 @@ class ValueBuilder {
     return made;
   }
 
-  orvo_core::Any list(int depth) {
-    auto list = std::make_shared<orvo_core::List>();
-    const orvo_core::Any self(list);
-    open_.push_back(self);
-    for (std::size_t n = in_.below(5); n > 0; --n) {
-      orvo_core::Any v = value(depth + 1);
-      list->push_back(std::move(v));
-    }
-    open_.pop_back();
-    done_.push_back(self);
-    return self;
-  }
-
-  orvo_core::Any map(int depth) {
-    auto map = std::make_shared<orvo_core::Map>();
-    const orvo_core::Any self(map);
-    open_.push_back(self);
-    for (std::size_t n = in_.below(5); n > 0; --n) {
-      std::string k = key();
-      orvo_core::Any v = value(depth + 1);
-      map->insert_or_assign(std::move(k), std::move(v));
-    }
-    open_.pop_back();
-    done_.push_back(self);
-    return self;
-  }
+  orvo_core::Any list(int depth) { return container(depth, false); }
+  orvo_core::Any map(int depth) { return container(depth, true); }
 
  private:
+  orvo_core::Any container(int depth, bool is_map) {
+    const orvo_core::Any self = is_map ? orvo_core::Any(orvo_core::Map()) : orvo_core::List();
+    open_.push_back(self);
+    for (std::size_t n = in_.below(5); n > 0; --n) {
+      std::string k = is_map ? key() : std::string();
+      orvo_core::Any v = value(depth + 1);
+      if (is_map) {
+        self.as_map().insert_or_assign(std::move(k), std::move(v));
+      } else {
+        self.as_list().push_back(std::move(v));
+      }
+    }
+    open_.pop_back();
+    done_.push_back(self);
+    return self;
+  }
+
   // A container built before, or one still being filled, which closes a cycle.
   orvo_core::Any shared(int depth) {
     if (in_.flag() && !open_.empty()) {
-      made_cycle_ = true;
+      made_cycle = true;
       return open_[in_.below(open_.size())];
     }
     if (done_.empty()) return list(depth);
@@ -303,8 +261,6 @@ class ValueBuilder {
   Input& in_;
   ObjectFactory objects_;
   int max_depth_;
-  bool made_cycle_ = false;
-  bool made_nan_ = false;
   std::vector<orvo_core::Any> open_;  // containers being filled, outermost first
   std::vector<orvo_core::Any> done_;  // containers finished
   std::vector<std::shared_ptr<orvo_core::Chunk>> chunks_;  // chunks built

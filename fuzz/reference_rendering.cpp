@@ -1,5 +1,5 @@
 // The reference text of chunks with arbitrary metadata: the direct path that the defaults take
-// against the generic one, and the layout both must have.
+// against the generic one, and the one error both may raise. The layout is the unit tests'.
 
 #include <cstdint>
 #include <memory>
@@ -46,15 +46,8 @@ std::string outcome(F f) {
 // A key for the metadata map: mostly metadata keys, sometimes any value at all.
 Any map_key(Input& in, ValueBuilder& builder) {
   static constexpr const char* kKeys[] = {"file_name", "file_url", "title", "url", "", "name"};
-  switch (in.below(4)) {
-    case 0:
-    case 1:
-      return kKeys[in.below(std::size(kKeys))];
-    case 2:
-      return builder.string();
-    default:
-      return builder.value(3);
-  }
+  if (in.flag()) return kKeys[in.below(std::size(kKeys))];
+  return in.flag() ? Any(builder.string()) : builder.value(3);
 }
 
 Any metadata_map(Input& in, ValueBuilder& builder) {
@@ -79,7 +72,7 @@ Any metadata_map(Input& in, ValueBuilder& builder) {
   }
 }
 
-void check(const rf::Chunks& chunks, const Any& metadata_map, const std::string& what) {
+void check(const rf::Chunks& chunks, const Any& metadata_map) {
   // The constructor falls back to the default map for an absent or empty one.
   const Any effective =
       metadata_map.truthy() ? metadata_map : rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP;
@@ -92,7 +85,7 @@ void check(const rf::Chunks& chunks, const Any& metadata_map, const std::string&
 
   const std::string text = outcome([&] { return direct._format_as_string(chunks); });
   const std::string slow = outcome([&] { return generic._format_as_string(chunks); });
-  ORVO_FUZZ_CHECK(text == slow, what + escaped(text) + "\ngeneric: " + escaped(slow));
+  ORVO_FUZZ_CHECK(text == slow, escaped(text) + "\ngeneric: " + escaped(slow));
   // The only error: a metadata map that is no map, or whose title or url key is unhashable.
   const auto unhashable = [&effective](const char* field) {
     const Any key = orvo_core::get(effective.as_map(), field);
@@ -100,16 +93,7 @@ void check(const rf::Chunks& chunks, const Any& metadata_map, const std::string&
   };
   const bool error =
       !chunks.empty() && (!effective.is_map() || unhashable("title") || unhashable("url"));
-  ORVO_FUZZ_CHECK(error ? text == "!TypeError" : !text.starts_with("!"), what + escaped(text));
-  if (error) return;
-  // Empty without chunks, else a header and a numbered line per chunk, in order.
-  ORVO_FUZZ_CHECK(text.empty() == chunks.empty(), what + escaped(text));
-  ORVO_FUZZ_CHECK(chunks.empty() || text.starts_with("References:\n"), what + escaped(text));
-  std::size_t at = 0;
-  for (std::size_t i = 1; i <= chunks.size(); ++i) {
-    at = text.find("\n" + std::to_string(i) + ". ", at);
-    ORVO_FUZZ_CHECK(at != std::string::npos, what + escaped(text));
-  }
+  ORVO_FUZZ_CHECK(error ? text == "!TypeError" : !text.starts_with("!"), escaped(text));
 }
 
 }  // namespace
@@ -133,16 +117,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     objects.emplace_back(chunk);
   }
 
-  check(chunks, map, "");
-  // The formatter reads its (shared) map at every call: a change shows in the next text.
-  if (map.is_map() && map.map_ptr() != rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP.map_ptr() &&
-      map.truthy()) {
-    Map& m = map.as_map();
-    const Any title = orvo_core::get(m, "title");
-    m.insert_or_assign("title", orvo_core::get(m, "url"));
-    m.insert_or_assign("url", title);
-    check(chunks, map, "after swapping title and url: ");
-  }
-  builder.release();
+  check(chunks, map);
   return 0;
 }

@@ -9,9 +9,9 @@
 
 #include "orvo_generation/reference_formatter.hpp"
 #include "orvo_generation/response_synthesizer.hpp"
-#include "support/async_fakes.hpp"
 #include "support/chunks.hpp"
 #include "support/fake_em_invoker.hpp"
+#include "support/fake_lm_request_processor.hpp"
 #include "support/recording_emitter.hpp"
 
 namespace {
@@ -20,15 +20,11 @@ using orvo_core::Any;
 using orvo_core::EventType;
 
 TEST(pipeline_turn, synthesize_then_reference_with_one_emitter) {
-  // Streams its answer word by word before returning it, as a chat model does.
-  orvo_test::RandomDelay no_delay(1, std::chrono::microseconds(0));
-  std::string seen_prompt;
-  const auto processor = std::make_shared<orvo_test::AsyncLMRequestProcessor>(
-      no_delay, [&seen_prompt](const orvo_core::Map& prompt) {
-        seen_prompt = Any(prompt).str();
-        return orvo_test::AsyncLMRequestProcessor::Reply{
-            {"Tides", " follow", " the", " moon."}, Any("Tides follow the moon."), nullptr, 0};
-      });
+  const auto processor = std::make_shared<orvo_test::FakeLMRequestProcessor>();
+  processor->stream_words = true;
+  processor->respond = [](const orvo_core::Map& /*prompt*/, std::size_t /*i*/) {
+    return Any("Tides follow the moon.");
+  };
   const auto invoker = std::make_shared<orvo_test::FakeEMInvoker>();
   invoker->table = {{"Tides follow the moon.", {1, 0}},
                     {"The moon pulls the sea.", {0.9F, 0.1F}},
@@ -50,7 +46,8 @@ TEST(pipeline_turn, synthesize_then_reference_with_one_emitter) {
   ask.emplace("event_emitter", emitter);
   const Any response = orvo_core::run_sync(synthesizer.run(ask));
   ASSERT_TRUE(response.is_string());
-  EXPECT_EQ(seen_prompt, "{'context': 'The moon pulls the sea.', 'query': 'Why are there tides?'}");
+  EXPECT_EQ(Any(processor->calls.at(0).snapshot).str(),
+            "{'context': 'The moon pulls the sea.', 'query': 'Why are there tides?'}");
 
   orvo_core::Kwargs cite;
   cite.emplace("response", response);

@@ -10,11 +10,15 @@
 #include <vector>
 
 #include "orvo_inference/em_invoker/em_invoker.hpp"
+#include "support/async_fakes.hpp"
+#include "support/live_counter.hpp"
 
 namespace orvo_test {
 
-/// An embedding invoker that looks texts up in a table and records every call.
-class FakeEMInvoker : public orvo_inference::BaseEMInvoker {
+/// An embedding invoker that looks texts up in a table and records every call. With a delay,
+/// it reads the texts only once the delay is over, so views that do not stay valid for the
+/// whole call are read after the fact (which AddressSanitizer reports).
+class FakeEMInvoker : public orvo_inference::BaseEMInvoker, public LiveCounter<FakeEMInvoker> {
  public:
   /// One call: the single text, or the list of texts.
   struct Call {
@@ -23,11 +27,13 @@ class FakeEMInvoker : public orvo_inference::BaseEMInvoker {
   };
 
   orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string text) override {
+    if (delay != nullptr) co_await delay->wait();
     record(Call{true, {text}});
     co_return embed(text);
   }
 
   orvo_core::Awaitable<orvo_core::Embeddings> invoke(std::vector<std::string_view> texts) override {
+    if (delay != nullptr) co_await delay->wait();
     record(Call{false, std::vector<std::string>(texts.begin(), texts.end())});
     std::vector<orvo_core::Embedding> rows;
     for (const auto text : texts) rows.push_back(embed(text));
@@ -41,6 +47,7 @@ class FakeEMInvoker : public orvo_inference::BaseEMInvoker {
   std::vector<Call> calls;
   std::optional<std::size_t> fail_at;  ///< Call index (from 0) that throws.
   int extra_rows = 0;                  ///< Rows added (or removed, if negative) to a batch.
+  RandomDelay* delay = nullptr;        ///< Awaited before each answer.
 
  private:
   void record(Call call) {

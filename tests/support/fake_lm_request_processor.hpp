@@ -1,18 +1,24 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "orvo_inference/request_processor/lm_request_processor.hpp"
+#include "support/async_fakes.hpp"
+#include "support/live_counter.hpp"
 
 namespace orvo_test {
 
-/// A request processor that answers through `respond` and records every call.
-class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor {
+/// A request processor that answers through `respond` and records every call; optionally after
+/// a delay, and streaming the answer word by word to the emitter first, as a chat model does.
+class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor,
+                               public LiveCounter<FakeLMRequestProcessor> {
  public:
   /// One call, with the prompt map as it was when the call was made.
   struct Call {
@@ -32,15 +38,33 @@ class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor {
     if (fail_at && *fail_at == calls.size()) throw std::runtime_error("process failed");
     orvo_core::Map snapshot = *prompt_kwargs;
     calls.push_back(Call{std::move(prompt_kwargs), std::move(snapshot), std::move(history),
-                         std::move(event_emitter), std::move(system_multimodal_contents),
+                         event_emitter, std::move(system_multimodal_contents),
                          std::move(user_multimodal_contents)});
-    co_return respond ? respond(calls.back().snapshot, calls.size() - 1) : orvo_core::Any();
+    const std::size_t index = calls.size() - 1;
+    peak_in_flight = std::max(peak_in_flight, ++in_flight);
+    if (delay != nullptr) co_await delay->wait();
+    --in_flight;
+    orvo_core::Any answer = respond ? respond(calls[index].snapshot, index) : orvo_core::Any();
+    const std::string text = stream_words && event_emitter ? answer.as_string() : "";
+    for (std::size_t begin = 0; begin < text.size();) {
+      const std::size_t end = std::min(text.find(' ', begin + 1), text.size());
+      std::string word = text.substr(begin, end - begin);
+      if (delay != nullptr) co_await delay->wait();
+      co_await event_emitter->emit(std::move(word), orvo_core::EventLevel::INFO,
+                                   orvo_core::EventType::RESPONSE);
+      begin = end;
+    }
+    co_return answer;
   }
 
   /// The answer to call `index` for these prompt variables.
   std::function<orvo_core::Any(const orvo_core::Map&, std::size_t index)> respond;
   std::vector<Call> calls;
   std::optional<std::size_t> fail_at;  ///< Call index (from 0) that throws.
+  RandomDelay* delay = nullptr;        ///< Awaited before the answer and before each word.
+  bool stream_words = false;           ///< Streams a text answer as RESPONSE events.
+  std::size_t in_flight = 0;           ///< Calls waiting for their delay.
+  std::size_t peak_in_flight = 0;
 };
 
 }  // namespace orvo_test

@@ -55,10 +55,7 @@ TEST(similarity_based_reference_formatter, keeps_scores_at_the_threshold_most_si
       << "descending by score, ties in input order";
   EXPECT_EQ(f.relevant({a, a}), (Contents{"a", "a"})) << "a repeated chunk is scored twice";
   ASSERT_EQ(f.invoker->calls.size(), 4U);
-  EXPECT_TRUE(f.invoker->calls[0].single);
-  EXPECT_EQ(f.invoker->calls[0].texts, Contents{"response"});
-  EXPECT_FALSE(f.invoker->calls[1].single);
-  EXPECT_EQ(f.invoker->calls[1].texts, (Contents{"a", "b", "c", "d"}));
+  EXPECT_EQ(f.invoker->calls[1].texts, (Contents{"a", "b", "c", "d"})) << "one batch";
   EXPECT_TRUE(f.relevant({}).empty());
   EXPECT_EQ(f.invoker->calls.size(), 4U) << "no chunks, no request";
 }
@@ -96,12 +93,8 @@ TEST(similarity_based_reference_formatter, shows_scores_ranks_and_the_best_rejec
   const rf::ScoredChunks scored = orvo_core::run_sync(f.formatter.score_chunks("response", chunks));
   ASSERT_EQ(scored.kept.size(), 2U);
   EXPECT_EQ(scored.kept[0].chunk, chunks[2]);
-  EXPECT_EQ(scored.kept[1].rank, 2U);
-  EXPECT_EQ(scored.kept[1].position, 1U);
-  EXPECT_NEAR(scored.kept[1].score, 0.7, 1e-6);
-  EXPECT_EQ(scored.scores.size(), 3U);
+  EXPECT_EQ(std::pair(scored.kept[1].rank, scored.kept[1].position), std::pair(2UL, 1UL));
   EXPECT_NEAR(scored.best_rejected_score.value_or(0), 0.2, 1e-6);
-  EXPECT_EQ(scored.embeddings.size(), 3U);
 
   f.formatter.stream_scores = true;
   const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
@@ -112,7 +105,6 @@ TEST(similarity_based_reference_formatter, shows_scores_ranks_and_the_best_rejec
   EXPECT_TRUE(emitter->values()[0].starts_with(
       R"({"data_type": "reference_score", "data_value": {"rank": 1, "score": 0.89999)"))
       << emitter->values()[0];
-  EXPECT_TRUE(emitter->values()[0].ends_with(R"(, "position": 0, "reference": "A"}})"));
   EXPECT_TRUE(emitter->values()[2].starts_with(
       R"({"data_type": "reference_below_threshold", "data_value": {"threshold": 0.95, )"
       R"("best_rejected_score": 0.89999)"))

@@ -41,7 +41,6 @@ TEST(stuff_response_synthesizer, the_prompt_is_the_callers_map_with_the_query) {
   } cases[] = {
       {Map{{"context", "c"}}, Any("abc"), "{'context': 'c', 'query': 'abc'}", true},
       {old, Any("new"), "{'query': 'new', 'context': 'c'}", true},
-      {old, Any(), "{'query': 'old', 'context': 'c'}", true},
       {old, Any(""), "{'query': 'old', 'context': 'c'}", true},
       {Map{}, Any("q"), "{'query': 'q'}", false},
       {Any(), Any(), "{}", false},
@@ -56,7 +55,7 @@ TEST(stuff_response_synthesizer, the_prompt_is_the_callers_map_with_the_query) {
       EXPECT_EQ(c.state.str(), c.prompt);
     }
   }
-  EXPECT_EQ(cases[4].state.str(), "{}") << "the caller's empty map stays empty";
+  EXPECT_EQ(cases[3].state.str(), "{}") << "the caller's empty map stays empty";
 }
 
 // response_synthesizer_test checks what `_run` passes on.
