@@ -81,12 +81,13 @@ struct LoopbackServer::State {
       auto token = asio::redirect_error(asio::use_awaitable, ec);
       tcp::socket socket = co_await acceptor.async_accept(token);
       if (ec) co_return;
+      const std::size_t index = ++accepted;
       if (tls) {  // One handshake at a time is enough for a test.
         ssl::stream<tcp::socket> stream(std::move(socket), *tls);
         co_await stream.async_handshake(ssl::stream_base::server, token);
-        if (!ec) asio::co_spawn(io, serve(std::move(stream), ++accepted), asio::detached);
+        if (!ec) asio::co_spawn(io, serve(std::move(stream), index), asio::detached);
       } else {
-        asio::co_spawn(io, serve(std::move(socket), ++accepted), asio::detached);
+        asio::co_spawn(io, serve(std::move(socket), index), asio::detached);
       }
     }
   }

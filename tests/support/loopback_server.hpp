@@ -56,7 +56,7 @@ class LoopbackServer {
   /// "http://127.0.0.1:PORT".
   [[nodiscard]] std::string url() const;
   [[nodiscard]] unsigned short port() const;
-  /// Connections accepted so far.
+  /// Connections accepted so far, TLS ones whose handshake failed included.
   [[nodiscard]] std::size_t accepted_connections() const;
   /// Stalled connections that the client has closed so far.
   [[nodiscard]] std::size_t closed_by_client() const;
