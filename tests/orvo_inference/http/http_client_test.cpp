@@ -1,6 +1,4 @@
 // The HTTP client against a scripted server on the loopback interface.
-#include <strings.h>
-
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -192,25 +190,21 @@ TEST(http_client, sends_method_target_headers_and_body) {
                                   typed,
                                   {"DELETE", "http://localhost:" + port + "/by-name", {}, ""}});
   for (const auto& outcome : outcomes) EXPECT_EQ(outcome.result, "200 application/json {}");
+  // A header given twice, a default beside the caller's own, would show in the count.
   std::vector<std::string> seen;
   for (const auto& request : server.requests()) {
-    std::string line = request.method + " " + request.target;
-    for (const char* name : {"Host", "Content-Type", "User-Agent", "Content-Length"}) {
-      for (const auto& [key, value] : request.headers) {
-        if (strcasecmp(key.c_str(), name) == 0) line += " | " + key + ": " + value;
-      }
-    }
-    seen.push_back(line + " | " + request.body);
+    seen.push_back(request.method + " " + request.target + " | " + request.header("Host") + " | " +
+                   request.header("Content-Type") + " | " + request.header("User-Agent") + " | " +
+                   request.header("Content-Length") + " | " +
+                   std::to_string(request.headers.size()) + " | " + request.body);
   }
-  const std::string host = " | Host: 127.0.0.1:" + port;
-  EXPECT_EQ(seen, (std::vector<std::string>{
-                      "POST /v1/embeddings" + host +
-                          " | Content-Type: application/json | User-Agent: orvo"
-                          " | Content-Length: 7 | {\"q\":1}",
-                      "POST /v1/chat?stream=true" + host +
-                          " | content-type: application/x-www-form-urlencoded"
-                          " | User-Agent: custom-agent | Content-Length: 3 | a=1",
-                      "DELETE /by-name | Host: localhost:" + port + " | User-Agent: orvo | "}));
+  const std::string host = "127.0.0.1:" + port;
+  EXPECT_EQ(seen,
+            (std::vector<std::string>{
+                "POST /v1/embeddings | " + host + " | application/json | orvo | 7 | 5 | {\"q\":1}",
+                "POST /v1/chat?stream=true | " + host +
+                    " | application/x-www-form-urlencoded | custom-agent | 3 | 5 | a=1",
+                "DELETE /by-name | localhost:" + port + " |  | orvo |  | 2 | "}));
   EXPECT_EQ(server.requests()[0].header("Authorization"), "Bearer " + std::string(secret));
 }
 
