@@ -2,8 +2,7 @@
 // scripted server.
 #include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -31,26 +30,22 @@ const struct CacheCleanup {
   ~CacheCleanup() { fs::remove_all(cache_dir()); }
 } cleanup;
 
+std::string read_and_remove(const fs::path& path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  fs::remove(path);
+  return text.str();
+}
+
 // Runs the tool with `args` (already quoted for the shell) and collects both outputs.
 ToolRun run_tool(const std::string& args, const std::string& env = "") {
-  const fs::path err_file =
-      fs::temp_directory_path() / ("orvo_tool_err_" + std::to_string(getpid()));
-  const std::string command = "XDG_CACHE_HOME=" + cache_dir().string() + " " + env + " " +
-                              std::string(ORVO_BINARY) + " " + args + " 2>" + err_file.string();
-  ToolRun run;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return run;
-  std::array<char, 4096> buffer{};
-  std::size_t n = 0;
-  while ((n = fread(buffer.data(), 1, buffer.size(), pipe)) > 0) run.out.append(buffer.data(), n);
-  const int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  std::ifstream err(err_file);
-  std::stringstream text;
-  text << err.rdbuf();
-  run.err = text.str();
-  fs::remove(err_file);
-  return run;
+  const fs::path out = fs::temp_directory_path() / ("orvo_tool_out_" + std::to_string(getpid()));
+  const fs::path err = fs::temp_directory_path() / ("orvo_tool_err_" + std::to_string(getpid()));
+  const int status =
+      std::system((env + " XDG_CACHE_HOME=" + cache_dir().string() + " " + ORVO_BINARY + " " +
+                   args + " >" + out.string() + " 2>" + err.string())
+                      .c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_and_remove(out), read_and_remove(err)};
 }
 
 const std::string kDocs = std::string(ORVO_SOURCE_DIR) + "/examples/docs";

@@ -80,16 +80,18 @@ TEST(openai_lm_invoker, a_server_that_ignores_streaming_still_answers) {
 TEST(openai_lm_invoker, failures_have_their_own_errors_and_never_show_the_key) {
   const struct {
     Reply reply;
-    std::string error;  // Its class, then a part of its message.
+    std::string error;  // A part of it.
   } cases[] = {
       {Reply::json(R"({"error": {"message": "model m1 not found"}})", 404),
-       "HttpStatusError: HTTP 404: model m1 not found"},
+       "HttpStatusError: the server answered HTTP 404: model m1 not found"},
       {Reply::json(R"({"error": "bad key Bearer sk-secret \u001b]0;pwned\u0007"})", 401),
-       "HttpStatusError: HTTP 401: bad key Bearer [redacted] \\x1b]0;pwned\\x07"},
+       "HttpStatusError: the server answered HTTP 401: bad key Bearer [redacted] "
+       "\\x1b]0;pwned\\x07"},
       {Reply::json("", 301, "Location: https://api.example/v1?k=sk-secret\r\n"),
-       "HttpStatusError: redirects to https://api.example/v1?k=[redacted]"},
+       "HttpStatusError: the server answered HTTP 301 and redirects to "
+       "https://api.example/v1?k=[redacted];"},
       {Reply::stream({delta("Half")}, 0ms, "text/event-stream", false),
-       "TruncatedReplyError: before the server said it was complete"},
+       "TruncatedReplyError: the reply stream ended before the server said it was complete"},
   };
   for (const auto& c : cases) {
     LoopbackServer server([&c](const auto&) { return c.reply; });
@@ -97,9 +99,7 @@ TEST(openai_lm_invoker, failures_have_their_own_errors_and_never_show_the_key) {
     const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
     const std::string error =
         orvo_test::error_of([&] { (void)orvo_core::run_sync(invoker.invoke(kMessages, emitter)); });
-    const std::string kind = c.error.substr(0, c.error.find(':') + 2);
-    EXPECT_TRUE(error.starts_with(kind)) << error;
-    EXPECT_NE(error.find(c.error.substr(kind.size())), std::string::npos) << error;
+    EXPECT_NE(error.find(c.error), std::string::npos) << error;
     EXPECT_EQ(error.find("sk-secret"), std::string::npos) << error;
   }
 }
