@@ -1,9 +1,7 @@
 #include "support/loopback_server.hpp"
 
-#include <algorithm>
 #include <atomic>
 #include <charconv>
-#include <exception>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -15,7 +13,6 @@
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/this_coro.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -33,63 +30,9 @@ namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
 
-constexpr std::string_view bad_request =
-    "HTTP/1.1 400 Bad Request\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
-
 std::string hex(std::size_t value) {
   char digits[16];
   return {digits, std::to_chars(digits, digits + sizeof digits, value, 16).ptr};
-}
-
-asio::awaitable<void> pause(std::chrono::milliseconds duration) {
-  asio::steady_timer timer(co_await asio::this_coro::executor, duration);
-  co_await timer.async_wait(asio::use_awaitable);
-}
-
-template <typename Stream>
-asio::awaitable<bool> write_all(Stream* socket, std::string_view data) {
-  error_code ec;
-  auto token = asio::redirect_error(asio::use_awaitable, ec);
-  co_await asio::async_write(*socket, asio::buffer(data), token);
-  co_return !ec;
-}
-
-std::string format_head(const Reply& reply) {
-  std::string head = "HTTP/1.1 " + std::to_string(reply.status) +
-                     (reply.status == 200 ? " OK\r\n" : " Not OK\r\n");
-  if (!reply.content_type.empty()) head += "Content-Type: " + reply.content_type + "\r\n";
-  for (const auto& [name, value] : reply.headers) head += name + ": " + value + "\r\n";
-  if (reply.pieces.empty()) {
-    const std::size_t announced = reply.body.size() + (reply.close_mid_body ? 100 : 0);
-    head += "Content-Length: " + std::to_string(announced) + "\r\n";
-  } else if (reply.chunked) {
-    head += "Transfer-Encoding: chunked\r\n";
-  }
-  if (!reply.keep_alive || (!reply.pieces.empty() && !reply.chunked)) {
-    head += "Connection: close\r\n";
-  }
-  return head + "\r\n";
-}
-
-// Sends the reply; false when the connection must close afterwards.
-template <typename Stream>
-asio::awaitable<bool> answer(Stream* socket, Reply reply) {
-  if (reply.header_delay.count() > 0) co_await pause(reply.header_delay);
-  const std::string head = reply.raw ? *reply.raw : format_head(reply) + reply.body;
-  bool open = co_await write_all(socket, head);
-  const bool framed = reply.chunked && !reply.raw;
-  for (std::size_t i = 0; open && i < reply.pieces.size(); ++i) {
-    if (i > 0 && reply.piece_delay.count() > 0) co_await pause(reply.piece_delay);
-    const std::string& piece = reply.pieces[i];
-    if (piece.empty()) continue;  // An empty chunk would end the body.
-    const std::string data = framed ? hex(piece.size()) + "\r\n" + piece + "\r\n" : piece;
-    open = co_await write_all(socket, data);
-  }
-  if (!reply.raw && !reply.pieces.empty()) {
-    if (open && reply.chunked) open = co_await write_all(socket, "0\r\n\r\n");
-    if (!reply.chunked) open = false;
-  }
-  co_return open&& reply.keep_alive && !reply.close_after && !reply.close_mid_body;
 }
 
 }  // namespace
@@ -101,25 +44,25 @@ std::string RecordedRequest::header(std::string_view name) const {
   return {};
 }
 
-std::size_t RecordedRequest::header_count(std::string_view name) const {
-  return static_cast<std::size_t>(
-      std::count_if(headers.begin(), headers.end(),
-                    [&](const auto& entry) { return boost::beast::iequals(entry.first, name); }));
+Reply Reply::json(std::string body, unsigned status, const std::string& head) {
+  const std::string reason = status == 200 ? " OK\r\n" : " Not OK\r\n";
+  return {.pieces = {"HTTP/1.1 " + std::to_string(status) + reason +
+                     "Content-Type: application/json\r\n" + head +
+                     "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body},
+          .close = head.find("Connection: close") != std::string::npos};
 }
 
-Reply Reply::json(std::string body, unsigned status) {
-  Reply reply;
-  reply.status = status;
-  reply.body = std::move(body);
-  return reply;
-}
-
-Reply Reply::stream(std::vector<std::string> pieces, std::chrono::milliseconds delay,
-                    std::string content_type) {
-  Reply reply;
-  reply.content_type = std::move(content_type);
-  reply.pieces = std::move(pieces);
-  reply.piece_delay = delay;
+Reply Reply::stream(const std::vector<std::string>& pieces, std::chrono::milliseconds delay,
+                    const std::string& content_type, bool chunked) {
+  // The head goes with the first piece, so that only the gaps between pieces are waited for.
+  std::string head = "HTTP/1.1 200 OK\r\nContent-Type: " + content_type + "\r\n" +
+                     (chunked ? "Transfer-Encoding: chunked" : "Connection: close") + "\r\n\r\n";
+  Reply reply{.delay = delay, .close = !chunked};
+  for (const auto& piece : pieces) {
+    reply.pieces.push_back(std::exchange(head, "") +
+                           (chunked ? hex(piece.size()) + "\r\n" + piece + "\r\n" : piece));
+  }
+  if (chunked) reply.pieces.back() += "0\r\n\r\n";
   return reply;
 }
 
@@ -138,12 +81,13 @@ struct LoopbackServer::State {
       auto token = asio::redirect_error(asio::use_awaitable, ec);
       tcp::socket socket = co_await acceptor.async_accept(token);
       if (ec) co_return;
+      const std::size_t index = ++accepted;
       if (tls) {  // One handshake at a time is enough for a test.
         ssl::stream<tcp::socket> stream(std::move(socket), *tls);
         co_await stream.async_handshake(ssl::stream_base::server, token);
-        if (!ec) asio::co_spawn(io, serve(std::move(stream), ++accepted), asio::detached);
+        if (!ec) asio::co_spawn(io, serve(std::move(stream), index), asio::detached);
       } else {
-        asio::co_spawn(io, serve(std::move(socket), ++accepted), asio::detached);
+        asio::co_spawn(io, serve(std::move(socket), index), asio::detached);
       }
     }
   }
@@ -151,14 +95,15 @@ struct LoopbackServer::State {
   template <typename Stream>
   asio::awaitable<void> serve(Stream socket, std::size_t index) {
     boost::beast::flat_buffer buffer;
+    error_code ec;
+    auto token = asio::redirect_error(asio::use_awaitable, ec);
     for (;;) {
       http::request<http::string_body> message;
-      error_code ec;
-      auto token = asio::redirect_error(asio::use_awaitable, ec);
       co_await http::async_read(socket, buffer, message, token);
       if (ec == http::error::end_of_stream) co_return;
       if (ec) {  // Not HTTP (a TLS hello, say): answer as a plain server would.
-        co_await write_all(&socket, bad_request);
+        const std::string_view bad = "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\n\r\n";
+        co_await asio::async_write(socket, asio::buffer(bad), token);
         co_return;
       }
       RecordedRequest request{std::string(message.method_string()),
@@ -173,19 +118,21 @@ struct LoopbackServer::State {
         const std::lock_guard lock(mutex);
         requests.push_back(request);
       }
-      Reply reply;
-      try {
-        reply = handler(request);
-      } catch (const std::exception& error) {
-        reply = Reply::json(error.what(), 500);
-      }
+      const Reply reply = handler(request);
       if (reply.stall) {  // Until the client gives up.
         char byte = 0;
         while (!ec) co_await socket.async_read_some(asio::buffer(&byte, 1), token);
         ++closed;
         co_return;
       }
-      if (!co_await answer(&socket, std::move(reply))) co_return;  // Closes the socket.
+      for (std::size_t i = 0; !ec && i < reply.pieces.size(); ++i) {
+        if (i > 0 && reply.delay.count() > 0) {
+          asio::steady_timer timer(io, reply.delay);
+          co_await timer.async_wait(asio::use_awaitable);
+        }
+        co_await asio::async_write(socket, asio::buffer(reply.pieces[i]), token);
+      }
+      if (ec || reply.close) co_return;  // Closes the socket.
     }
   }
 

@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -22,48 +21,26 @@ struct RecordedRequest {
 
   /// The value of the first header called `name` (in any case), or "" if there is none.
   [[nodiscard]] std::string header(std::string_view name) const;
-  /// How many headers are called `name` (in any case).
-  [[nodiscard]] std::size_t header_count(std::string_view name) const;
 };
 
-/// What the loopback server answers. The defaults give a 200 JSON reply with keep-alive; every
-/// member has one, so a designated initializer names just what differs.
+/// What the loopback server sends back: raw bytes, so that a test can send anything a server
+/// might, well-formed or not.
 struct Reply {
-  unsigned status = 200;
-  std::string content_type = "application/json";  ///< Left out when empty.
-  std::string body{};
-  std::vector<std::pair<std::string, std::string>> headers{};  ///< Extra header fields.
-
-  /// When not empty, the body is these pieces instead, each written and flushed on its own with
-  /// `piece_delay` between them: chunked, or delimited by closing the connection.
-  std::vector<std::string> pieces{};
-  std::chrono::milliseconds piece_delay{0};
-  bool chunked = true;
-
-  std::chrono::milliseconds header_delay{0};  ///< Pause before anything is sent.
+  std::vector<std::string> pieces{};   ///< Written and flushed in turn, `delay` apart.
+  std::chrono::milliseconds delay{0};  ///< Between pieces, not before the first.
+  bool close = false;                  ///< Close the connection after the last piece.
   bool stall = false;  ///< Never answer; the connection stays open until the client closes it.
-  /// Announce 100 more bytes than `body`, send `body`, then close.
-  bool close_mid_body = false;
-  bool keep_alive = true;  ///< false: say "Connection: close" and close after replying.
-  /// Close after replying although keep-alive was announced, as a server does with a
-  /// connection it considers idle.
-  bool close_after = false;
-  /// Sent verbatim instead of a formatted reply (status, headers and body are ignored), followed
-  /// by `pieces` verbatim; the connection is then kept or closed as `keep_alive` and
-  /// `close_after` say.
-  std::optional<std::string> raw{};
 
-  /// A complete JSON reply.
-  static Reply json(std::string body, unsigned status = 200);
-  /// A streamed reply in chunked encoding.
-  static Reply stream(std::vector<std::string> pieces, std::chrono::milliseconds delay,
-                      std::string content_type = "text/event-stream");
+  /// A complete reply with a Content-Length; `head` adds header lines ("Name: value\r\n").
+  static Reply json(std::string body, unsigned status = 200, const std::string& head = "");
+  /// A streamed reply: chunked, or delimited by closing the connection.
+  static Reply stream(const std::vector<std::string>& pieces, std::chrono::milliseconds delay,
+                      const std::string& content_type = "text/event-stream", bool chunked = true);
 };
 
 /// A scripted HTTP/1.1 server on 127.0.0.1 with a free port, running on its own thread.
 ///
-/// It records every request and answers it with what `handler` returns; a handler that throws
-/// gets a 500 with the exception's text as its body. The handler runs on the server's thread.
+/// It records every request and answers it with what `handler` returns, on the server's thread.
 /// Destroying the server closes every connection, stalled ones included.
 class LoopbackServer {
  public:
@@ -79,7 +56,7 @@ class LoopbackServer {
   /// "http://127.0.0.1:PORT".
   [[nodiscard]] std::string url() const;
   [[nodiscard]] unsigned short port() const;
-  /// Connections accepted so far.
+  /// Connections accepted so far, TLS ones whose handshake failed included.
   [[nodiscard]] std::size_t accepted_connections() const;
   /// Stalled connections that the client has closed so far.
   [[nodiscard]] std::size_t closed_by_client() const;

@@ -77,11 +77,10 @@ TEST(corpus_index, reads_and_embeds_only_what_changed) {
   for (const auto& s : steps) {
     s.change();
     const orvo_cli::SyncReport report = index.sync({}, {});
-    EXPECT_EQ(report.added, s.added) << s.step;
-    EXPECT_EQ(report.changed, s.changed) << s.step;
-    EXPECT_EQ(report.removed, s.removed) << s.step;
-    EXPECT_EQ(report.chunks, s.chunks) << s.step;
-    EXPECT_EQ(sync_embedding(index, *embedder, embedder), s.embedded) << s.step;
+    EXPECT_EQ((std::vector{report.added, report.changed, report.removed, report.chunks,
+                           sync_embedding(index, *embedder, embedder)}),
+              (std::vector{s.added, s.changed, s.removed, s.chunks, s.embedded}))
+        << s.step;
   }
 
   // A new connection to the same file sees it all: nothing is read or embedded again.
@@ -106,8 +105,6 @@ TEST(corpus_index, ranks_by_bm25_and_fuses_with_vectors) {
   const auto bm25 = index.search("What causes spring tides?", 3);
   ASSERT_EQ(bm25.size(), 3U);
   EXPECT_EQ(bm25[0].chunk->id, "spring-and-neap-tides.md#1") << "the file's name counts";
-  EXPECT_EQ(bm25[0].chunk->metadata.at("file_url").str(),
-            (corpus.docs() / "spring-and-neap-tides.md").generic_string());
   EXPECT_TRUE(index.search("zebra", 3).empty());
   EXPECT_TRUE(index.search("?!", 3).empty());
 

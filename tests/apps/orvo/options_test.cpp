@@ -1,5 +1,7 @@
 #include "options.hpp"
 
+#include <functional>
+
 #include <gtest/gtest.h>
 
 #include "support/expect_throw_msg.hpp"
@@ -8,18 +10,12 @@ namespace {
 
 using orvo_cli::AskOptions;
 
-AskOptions parse(std::vector<std::string_view> args) {
-  return orvo_cli::parse_ask_options(args);
+AskOptions parse(std::vector<std::string_view> args,
+                 const std::function<const char*(const char*)>& env = {}) {
+  return orvo_cli::parse_ask_options(args, AskOptions::Command::ask, env);
 }
 
-TEST(options, defaults_and_every_option) {
-  const AskOptions defaults = parse({"--docs", "d", "Why?"});
-  EXPECT_EQ(defaults.docs, "d");
-  EXPECT_EQ(defaults.question, "Why?");
-  EXPECT_TRUE(defaults.url.empty());
-  EXPECT_EQ(defaults.top_k, 4U);
-  EXPECT_FALSE(defaults.threshold.has_value());
-
+TEST(options, every_option_reaches_its_field) {
   const AskOptions all = parse({"Why?",        "--docs",        "d",         "--url",
                                 "http://h/v1", "--chat-model",  "c",         "--embedding-model",
                                 "e",           "--api-key-env", "K",         "--synthesizer",
@@ -27,6 +23,8 @@ TEST(options, defaults_and_every_option) {
                                 "0.25",        "--batch-size",  "3",         "--top-k",
                                 "7",           "--chunk-size",  "500",       "--timeout",
                                 "1.5",         "--json",        "--verbose", "--no-color"});
+  EXPECT_EQ(all.question, "Why?");
+  EXPECT_EQ(all.docs, "d");
   EXPECT_EQ(all.url, "http://h/v1");
   EXPECT_EQ(all.chat_model, "c");
   EXPECT_EQ(all.embedding_model, "e");
@@ -39,10 +37,13 @@ TEST(options, defaults_and_every_option) {
   EXPECT_EQ(all.chunk_size, 500U);
   EXPECT_EQ(all.timeout.count(), 1500);
   EXPECT_TRUE(all.json && all.verbose && !all.color);
-  const AskOptions net = parse({"--docs", "d", "q", "--connect-timeout", "0.0001"});
-  EXPECT_EQ(net.connect_timeout.count(), 1) << "rounded up, never to zero";
+  EXPECT_EQ(parse({"--docs", "d", "q", "--connect-timeout", "0.0001"}).connect_timeout.count(), 1)
+      << "rounded up, never to zero";
+}
 
-  // --name=value, a question after --, and defaults from the environment that options beat.
+// --name=value, a question after --, and defaults from the environment that options beat;
+// either side may stay offline while the other uses a server.
+TEST(options, the_environment_gives_defaults_that_options_beat) {
   const auto env = [](const char* name) -> const char* {
     const std::string_view n = name;
     if (n == "ORVO_BASE_URL") return "http://env/v1";
@@ -50,22 +51,17 @@ TEST(options, defaults_and_every_option) {
     if (n == "ORVO_EMBEDDING_MODEL") return "env-embed";
     return n == "NO_COLOR" ? "1" : nullptr;
   };
-  const std::vector<std::string_view> args{"--top-k=3", "--docs=d", "--chat-model",
-                                           "flag-chat", "--",       "--what is -x?"};
-  const AskOptions mixed = orvo_cli::parse_ask_options(args, AskOptions::Command::ask, env);
+  const AskOptions mixed =
+      parse({"--top-k=3", "--docs=d", "--chat-model", "flag-chat", "--", "--what is -x?"}, env);
   EXPECT_EQ(mixed.top_k, 3U);
   EXPECT_EQ(mixed.question, "--what is -x?");
-  EXPECT_EQ(mixed.url, "http://env/v1");
   EXPECT_EQ(mixed.chat_model, "flag-chat");
   EXPECT_EQ(mixed.embedding_model, "env-embed");
   EXPECT_FALSE(mixed.color);
   EXPECT_TRUE(orvo_cli::remote_chat(mixed));
   EXPECT_EQ(orvo_cli::embedding_endpoint(mixed), "http://env/v1");
 
-  // Either side may stay offline while the other uses a server.
-  const std::vector<std::string_view> split{"--docs", "d", "--embedding-url", "http://e/v1"};
-  const AskOptions embeddings_only =
-      orvo_cli::parse_ask_options(split, AskOptions::Command::index, {});
+  const AskOptions embeddings_only = parse({"--docs", "d", "--embedding-url", "http://e/v1", "q"});
   EXPECT_FALSE(orvo_cli::remote_chat(embeddings_only));
   EXPECT_EQ(orvo_cli::embedding_endpoint(embeddings_only), "http://e/v1");
   const AskOptions chat_only =
@@ -80,7 +76,6 @@ TEST(options, bad_command_lines_say_what_is_wrong) {
     const char* message;
   } cases[] = {
       {{"Why?"}, "--docs PATH is required"},
-      {{"--docs", "d"}, "a question is required"},
       {{"--docs", "d", "  "}, "a question is required"},
       {{"--docs"}, "--docs needs a value"},
       {{"--docs", "d", "a", "b"}, "give the question as one argument (quote it)"},

@@ -5,13 +5,13 @@
 #include <gtest/gtest.h>
 
 #include "orvo_core/json.hpp"
-#include "orvo_inference/errors.hpp"
 #include "support/expect_throw_msg.hpp"
 #include "support/loopback_server.hpp"
 #include "support/recording_emitter.hpp"
 
 namespace {
 
+using namespace std::chrono_literals;
 using orvo_core::Any;
 using orvo_test::LoopbackServer;
 using orvo_test::Reply;
@@ -30,51 +30,40 @@ std::string delta(const std::string& text) {
          "}, \"finish_reason\": null}]}\n\n";
 }
 
-orvo_inference::OpenAILMInvoker invoker_for(
-    const LoopbackServer& server, std::string key = "",
-    std::chrono::milliseconds read_timeout = std::chrono::milliseconds(5000)) {
-  orvo_inference::http::ClientOptions options;
-  options.read_timeout = read_timeout;
+orvo_inference::OpenAILMInvoker invoker_for(const LoopbackServer& server, std::string key = "") {
   return {"m1", server.url() + "/v1/", std::move(key), orvo_core::Map{},
-          orvo_inference::http::HttpClient::create(options)};
+          orvo_inference::http::HttpClient::create({.read_timeout = 2s})};
 }
 
-TEST(openai_lm_invoker, plain_reply_with_bearer_key) {
-  LoopbackServer server([](const auto&) { return Reply::json(chat_reply("The moon.")); });
-  auto invoker = invoker_for(server, "sk-test");
-  EXPECT_EQ(orvo_core::run_sync(invoker.invoke(kMessages)), "The moon.");
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 1U);
-  EXPECT_EQ(requests[0].target, "/v1/chat/completions");
-  EXPECT_EQ(requests[0].header("Authorization"), "Bearer sk-test");
-  EXPECT_EQ(
-      requests[0].body,
-      R"({"model": "m1", "messages": [{"role": "user", "content": "Why tides?"}], "stream": false})");
-
-  auto keyless = invoker_for(server);
-  (void)orvo_core::run_sync(keyless.invoke(kMessages));
-  EXPECT_EQ(server.requests()[1].header_count("Authorization"), 0U);
-}
-
-TEST(openai_lm_invoker, streamed_reply_emits_each_delta_as_it_arrives) {
-  LoopbackServer server([](const auto&) {
+// Without an emitter the reply comes whole; with one, each delta is emitted as it arrives.
+TEST(openai_lm_invoker, replies_whole_or_streams_each_delta_as_it_arrives) {
+  LoopbackServer server([](const orvo_test::RecordedRequest& request) {
+    if (request.body.find(R"("stream": true)") == std::string::npos) {
+      return Reply::json(chat_reply("The moon."));
+    }
     return Reply::stream({"data: {\"choices\": [{\"delta\": {\"role\": \"assistant\"}}]}\n\n",
                           delta("The"), delta(" moon"), delta("."), "data: [DONE]\n\n"},
-                         std::chrono::milliseconds(60));
+                         60ms);
   });
-  auto invoker = invoker_for(server);
+  auto with_key = invoker_for(server, "sk-test");
+  EXPECT_EQ(orvo_core::run_sync(with_key.invoke(kMessages)), "The moon.");
+
+  auto keyless = invoker_for(server);
   const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
   Clock::time_point first_event;
   emitter->on_emit = [&first_event](const orvo_core::Event&) {
     if (first_event == Clock::time_point{}) first_event = Clock::now();
   };
-  const std::string text = orvo_core::run_sync(invoker.invoke(kMessages, emitter));
-  const auto done = Clock::now();
-  EXPECT_EQ(text, "The moon.");
+  EXPECT_EQ(orvo_core::run_sync(keyless.invoke(kMessages, emitter)), "The moon.");
+  EXPECT_GT(Clock::now() - first_event, 100ms) << "tokens came as they arrived";
   EXPECT_EQ(emitter->values(), (std::vector<std::string>{"The", " moon", "."}));
   for (const auto& event : emitter->events) EXPECT_EQ(event.type, orvo_core::EventType::RESPONSE);
-  EXPECT_GT(done - first_event, std::chrono::milliseconds(100)) << "tokens came as they arrived";
-  EXPECT_NE(server.requests()[0].body.find(R"("stream": true)"), std::string::npos);
+
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 2U);
+  EXPECT_EQ(requests[0].target, "/v1/chat/completions");
+  EXPECT_EQ(requests[0].header("Authorization"), "Bearer sk-test");
+  EXPECT_EQ(requests[1].header("Authorization"), "");
 }
 
 // Even a large one, which arrives in many pieces and is collected rather than scanned as events.
@@ -91,33 +80,27 @@ TEST(openai_lm_invoker, a_server_that_ignores_streaming_still_answers) {
 TEST(openai_lm_invoker, failures_have_their_own_errors_and_never_show_the_key) {
   const struct {
     Reply reply;
-    std::string error;  // its class, then a part of its message
+    std::string error;  // A part of it.
   } cases[] = {
       {Reply::json(R"({"error": {"message": "model m1 not found"}})", 404),
-       "HttpStatusError: HTTP 404: model m1 not found"},
-      {Reply::json("overloaded", 503), "HttpStatusError: HTTP 503: overloaded"},
-      {Reply::stream({delta("x"), "data: {\"error\": {\"message\": \"boom\"}}\n\n"},
-                     std::chrono::milliseconds(0)),
-       "HttpStatusError: boom"},
-      {Reply::json(R"({"choices": []})"), "MalformedReplyError: choices"},
+       "HttpStatusError: the server answered HTTP 404: model m1 not found"},
       {Reply::json(R"({"error": "bad key Bearer sk-secret \u001b]0;pwned\u0007"})", 401),
-       "HttpStatusError: HTTP 401: bad key Bearer [redacted] \\x1b]0;pwned\\x07"},
-      {Reply{.status = 301, .headers = {{"Location", "https://api.example/v1?k=sk-secret"}}},
-       "HttpStatusError: redirects to https://api.example/v1?k=[redacted]"},
-      {Reply{.content_type = "text/event-stream", .pieces = {delta("Half")}, .chunked = false},
-       "TruncatedReplyError: before the server said it was complete"},
+       "HttpStatusError: the server answered HTTP 401: bad key Bearer [redacted] "
+       "\\x1b]0;pwned\\x07"},
+      {Reply::json("", 301, "Location: https://api.example/v1?k=sk-secret\r\n"),
+       "HttpStatusError: the server answered HTTP 301 and redirects to "
+       "https://api.example/v1?k=[redacted];"},
+      {Reply::stream({delta("Half")}, 0ms, "text/event-stream", false),
+       "TruncatedReplyError: the reply stream ended before the server said it was complete"},
   };
   for (const auto& c : cases) {
     LoopbackServer server([&c](const auto&) { return c.reply; });
-    auto invoker = invoker_for(server, "sk-secret", std::chrono::milliseconds(300));
+    auto invoker = invoker_for(server, "sk-secret");
     const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
     const std::string error =
         orvo_test::error_of([&] { (void)orvo_core::run_sync(invoker.invoke(kMessages, emitter)); });
-    const std::string kind = c.error.substr(0, c.error.find(':') + 2);
-    EXPECT_TRUE(error.starts_with(kind)) << error;
-    EXPECT_NE(error.find(c.error.substr(kind.size())), std::string::npos) << error;
+    EXPECT_NE(error.find(c.error), std::string::npos) << error;
     EXPECT_EQ(error.find("sk-secret"), std::string::npos) << error;
-    EXPECT_EQ(error.find('\x1b'), std::string::npos) << error;
   }
 }
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "orvo_core/errors.hpp"
-#include "orvo_inference/errors.hpp"
 #include "orvo_inference/output_parser/json_output_parser.hpp"
 #include "support/recording_emitter.hpp"
 
@@ -11,6 +9,8 @@ namespace {
 
 using orvo_core::Any;
 using orvo_inference::ChatMessage;
+using orvo_inference::LMRequestProcessor;
+using orvo_inference::PromptTemplate;
 
 // Replies with a fixed text and records what it was sent.
 class ScriptedInvoker : public orvo_inference::BaseLMInvoker {
@@ -33,48 +33,33 @@ class ScriptedInvoker : public orvo_inference::BaseLMInvoker {
 std::shared_ptr<orvo_core::Map> prompt_variables() {
   auto map = std::make_shared<orvo_core::Map>();
   map->emplace("response", "R");
-  map->emplace("context", "C");
+  map->emplace("context", "aaaa\n\nbbbbbbbb\n\ncccc");
   return map;
 }
 
+// Without a parser the reply's text is the result.
 TEST(lm_request_processor, formats_invokes_and_parses) {
-  const auto invoker = std::make_shared<ScriptedInvoker>("```json\n{\"file_name\": [\"a\"]}\n```");
-  orvo_inference::LMRequestProcessor processor(
-      orvo_inference::PromptTemplate("Judge {context}", "{response}"), invoker,
-      std::make_shared<orvo_inference::JsonOutputParser>());
+  const std::string reply = "```json\n{\"file_name\": [\"a\"]}\n```";
+  const auto invoker = std::make_shared<ScriptedInvoker>(reply);
+  LMRequestProcessor judging(PromptTemplate("Judge {context}", "{response}"), invoker,
+                             std::make_shared<orvo_inference::JsonOutputParser>());
   const auto emitter = std::make_shared<orvo_core::EventEmitter>();
-  const Any result = orvo_core::run_sync(processor.process(prompt_variables(), Any(), emitter));
-  EXPECT_EQ(result.str(), "{'file_name': ['a']}");
+  EXPECT_EQ(orvo_core::run_sync(judging.process(prompt_variables(), Any(), emitter)).str(),
+            "{'file_name': ['a']}");
   ASSERT_EQ(invoker->sent.size(), 2U);
-  EXPECT_EQ(invoker->sent[0].content, Any("Judge C"));
+  EXPECT_EQ(invoker->sent[0].content, Any("Judge aaaa\n\nbbbbbbbb\n\ncccc"));
   EXPECT_EQ(invoker->sent[1].content, Any("R"));
   EXPECT_EQ(invoker->emitter, emitter);
-}
-
-TEST(lm_request_processor, without_a_parser_the_text_is_the_result) {
-  const auto invoker = std::make_shared<ScriptedInvoker>("plain");
-  orvo_inference::LMRequestProcessor processor(orvo_inference::PromptTemplate("", "{response}"),
-                                               invoker);
-  EXPECT_EQ(orvo_core::run_sync(processor.process(prompt_variables())), Any("plain"));
-  orvo_inference::LMRequestProcessor needs_query(orvo_inference::PromptTemplate("", "{query}"),
-                                                 invoker);
-  EXPECT_THROW((void)orvo_core::run_sync(needs_query.process(prompt_variables())),
-               orvo_core::ValueError);
-  orvo_inference::LMRequestProcessor judging(orvo_inference::PromptTemplate("", "{response}"),
-                                             invoker,
-                                             std::make_shared<orvo_inference::JsonOutputParser>());
-  EXPECT_THROW((void)orvo_core::run_sync(judging.process(prompt_variables())),
-               orvo_inference::OutputParserError);
+  LMRequestProcessor plain(PromptTemplate("", "{response}"), invoker);
+  EXPECT_EQ(orvo_core::run_sync(plain.process(prompt_variables())), Any(reply));
 }
 
 TEST(lm_request_processor, a_context_budget_caps_the_context_and_says_what_it_left_out) {
   const auto invoker = std::make_shared<ScriptedInvoker>("ok");
-  orvo_inference::LMRequestProcessor processor(orvo_inference::PromptTemplate("{context}", ""),
-                                               invoker);
+  LMRequestProcessor processor(PromptTemplate("{context}", ""), invoker);
   processor.prompt.context_budget = orvo_inference::ContextBudget(4);
   const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
-  auto variables = std::make_shared<orvo_core::Map>();
-  variables->emplace("context", "aaaa\n\nbbbbbbbb\n\ncccc");
+  const auto variables = prompt_variables();
   (void)orvo_core::run_sync(processor.process(variables, Any(), emitter));
   EXPECT_EQ(invoker->sent[0].content, Any("aaaa\n\nbbbbbbbb"));
   EXPECT_EQ(orvo_core::get(*variables, "context"), Any("aaaa\n\nbbbbbbbb\n\ncccc"));
