@@ -19,7 +19,6 @@ TEST(markdown, sentences_end_at_stops_that_a_new_sentence_follows) {
       {"Call `a. B()` now. Then `x.` Done.", {"Call `a. B()` now.", "Then `x.` Done."}},
       {"He said \"Stop.\" Then (he left.) Fine", {"He said \"Stop.\"", "Then (he left.)", "Fine"}},
       {"Line one\n  line two.\n\n", {"Line one", "line two."}},
-      {"An `open span. Goes on", {"An `open span.", "Goes on"}},
       {" \n ", {}},
   };
   for (const auto& c : cases) EXPECT_EQ(orvo_core::split_sentences(c.text), c.sentences) << c.text;

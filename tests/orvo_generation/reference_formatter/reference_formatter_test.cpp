@@ -82,8 +82,8 @@ TEST(reference_formatter, references_text_is_numbered_under_a_header) {
   EXPECT_TRUE(ten.ends_with("\n9. x\n10. x")) << ten;
 }
 
-// The default chunk formatter gives the entry; the default text, written by its own path, must
-// render the same entry.
+// That the default text, written by its own path, renders the same entries is fuzz
+// reference_rendering's.
 TEST(reference_formatter, chunk_entries_follow_the_metadata_map) {
   const auto format = rf::format_chunk_as_string(rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP);
   const struct {
@@ -96,14 +96,10 @@ TEST(reference_formatter, chunk_entries_follow_the_metadata_map) {
       {Map{}, Any()},
       {Map{{"file_name", "Guide"}, {"file_url", ""}}, Any("Guide")},
       {Map{{"file_name", 7}, {"file_url", 0}}, Any(7)},
-      {Map{{"file_name", "a [b] (c)"}, {"file_url", "u(1)"}}, Any("[a [b] (c)](u(1))")},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(Any(c.metadata).repr());
-    const auto chunk = std::make_shared<orvo_core::Chunk>("text", c.metadata);
-    const Any entry = format(*chunk);
-    EXPECT_EQ(entry.repr(), c.entry.repr());
-    EXPECT_EQ(PickingFormatter()._format_as_string({chunk}), "References:\n1. " + c.entry.str());
+    const orvo_core::Chunk chunk("text", c.metadata);
+    EXPECT_EQ(format(chunk).repr(), c.entry.repr()) << Any(c.metadata).repr();
   }
 }
 
@@ -126,19 +122,14 @@ TEST(reference_formatter, own_functions_replace_the_defaults) {
 }
 
 TEST(reference_formatter, run_rejects_bad_inputs_with_the_fixed_messages) {
-  const Any chunk(make_chunk("text"));
   const Any noted(std::make_shared<NotedChunk>("text"));
   const struct {
     std::optional<Any> response, chunks;  // None: the key is missing.
     const char* message;
   } cases[] = {
       {std::nullopt, List{}, kResponseError},
-      {Any(3), List{}, kResponseError},
       {Any("   \n"), List{}, kResponseError},
       {Any("r"), std::nullopt, kChunksError},
-      {Any("r"), Any("abc"), kChunksError},
-      {Any("r"), List{chunk, chunk, Any("x")}, kChunksError},
-      {Any("r"), List{Any(std::make_shared<RecordingEmitter>())}, kChunksError},
       {Any("r"), List{noted, noted, Any(std::make_shared<RecordingEmitter>())}, kChunksError},
   };
   for (const auto& c : cases) {
@@ -187,8 +178,6 @@ TEST(reference_formatter, chunk_result_streams_one_dump_per_chunk_in_result_orde
   const rf::Chunks chunks = abc_chunks();
   const Any result = run(formatter, kwargs_for(chunks, emitter));
   EXPECT_EQ(result, Any(List{Any(chunks[2]), Any(chunks[0])})) << "the caller's own chunks";
-  formatter.keep = {};
-  EXPECT_EQ(run(formatter, kwargs_for(chunks, emitter)), Any(List{}));
   EXPECT_EQ(emitter->values(),
             (std::vector<std::string>{
                 payload(R"("{'id': '', 'content': 'gamma', 'metadata': {'file_name': 'C', )"

