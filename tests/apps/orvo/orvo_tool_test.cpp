@@ -53,8 +53,6 @@ const std::string kDocs = std::string(ORVO_SOURCE_DIR) + "/examples/docs";
 // Exit status 0 answered, 1 error, 2 bad command line, 3 no answer. Neither output is coloured
 // (it is no terminal) nor ends in an uncaught exception.
 TEST(orvo_tool, each_command_line_ends_with_its_status_and_output) {
-  const std::string free_url =
-      "http://127.0.0.1:" + std::to_string(orvo_test::unused_port()) + "/v1";
   const struct {
     std::string args;
     int status;
@@ -75,19 +73,9 @@ TEST(orvo_tool, each_command_line_ends_with_its_status_and_output) {
        {R"({"type": "RESULT", "answered": false, "answer": "I couldn't find an answer in the )"
         R"(documents.", "references": []})"}},
       {"ask --json --docs /no/such/folder 'q'", 1, {R"({"type": "ERROR", "level": "ERROR")"}},
-      {"ask --docs " + kDocs + " 'What is the tidal range on Mars?'",
-       3,
-       {"I couldn't find an answer in the documents.\n"}},
       {"index --docs " + kDocs, 0, {"Indexed 32 files"}},
-      {"ask --docs /no/such/folder 'q'",
-       1,
-       {"orvo: error: no such file or folder: /no/such/folder"}},
-      {"ask --docs " + kDocs + " --url " + free_url + " 'q'",
-       1,
-       {"orvo: error: cannot connect to 127.0.0.1:"}},
       {"ask --docs " + kDocs + " --timeout inf 'q'", 2, {"orvo: --timeout expects seconds"}},
       {"ask --docs /dev/zero 'q'", 1, {"orvo: error: /dev/zero: not a regular file or folder"}},
-      {"frobnicate", 2, {"orvo: unknown command 'frobnicate'"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
