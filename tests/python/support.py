@@ -49,15 +49,12 @@ class TableInvoker:
 class RecordingProcessor:
     """Answers with `answer` (a value, or a function of the prompt map) and records each call."""
 
-    def __init__(self, answer="answer", error=None):
+    def __init__(self, answer="answer"):
         self.answer = answer
-        self.error = error
         self.calls = []
 
     async def process(self, prompt_kwargs, *args, **kwargs):
         self.calls.append((prompt_kwargs, args, kwargs))
-        if self.error is not None:
-            raise self.error
         return self.answer(prompt_kwargs) if callable(self.answer) else self.answer
 
 

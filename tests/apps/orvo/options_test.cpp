@@ -15,28 +15,16 @@ AskOptions parse(std::vector<std::string_view> args,
   return orvo_cli::parse_ask_options(args, AskOptions::Command::ask, env);
 }
 
-TEST(options, every_option_reaches_its_field) {
-  const AskOptions all = parse({"Why?",        "--docs",        "d",         "--url",
-                                "http://h/v1", "--chat-model",  "c",         "--embedding-model",
-                                "e",           "--api-key-env", "K",         "--synthesizer",
-                                "static-list", "--references",  "lm",        "--threshold",
-                                "0.25",        "--batch-size",  "3",         "--top-k",
-                                "7",           "--chunk-size",  "500",       "--timeout",
-                                "1.5",         "--json",        "--verbose", "--no-color"});
+// One option of each kind: text, choice, count, seconds and flag.
+TEST(options, every_kind_of_option_reaches_its_field) {
+  const AskOptions all = parse({"Why?", "--docs", "d", "--synthesizer", "static-list", "--top-k",
+                                "7", "--timeout", "1.5", "--json"});
   EXPECT_EQ(all.question, "Why?");
   EXPECT_EQ(all.docs, "d");
-  EXPECT_EQ(all.url, "http://h/v1");
-  EXPECT_EQ(all.chat_model, "c");
-  EXPECT_EQ(all.embedding_model, "e");
-  EXPECT_EQ(all.api_key_env, "K");
   EXPECT_EQ(all.synthesizer, AskOptions::Synthesizer::static_list);
-  EXPECT_EQ(all.references, AskOptions::References::lm);
-  EXPECT_EQ(all.threshold, 0.25);
-  EXPECT_EQ(all.batch_size, 3);
   EXPECT_EQ(all.top_k, 7U);
-  EXPECT_EQ(all.chunk_size, 500U);
   EXPECT_EQ(all.timeout.count(), 1500);
-  EXPECT_TRUE(all.json && all.verbose && !all.color);
+  EXPECT_TRUE(all.json);
   EXPECT_EQ(parse({"--docs", "d", "q", "--connect-timeout", "0.0001"}).connect_timeout.count(), 1)
       << "rounded up, never to zero";
 }
@@ -84,9 +72,7 @@ TEST(options, bad_command_lines_say_what_is_wrong) {
       {{"--docs", "d", "--synthesizer", "map", "q"},
        "--synthesizer is stuff or static-list, not 'map'"},
       {{"--docs", "d", "--frobnicate", "q"}, "unknown option --frobnicate"},
-      {{"--docs", "d", "--timeout", "abc", "q"}, "--timeout expects a number, got 'abc'"},
       {{"--docs", "d", "--json=yes", "q"}, "--json takes no value"},
-      {{"--docs=d", "--top-k=", "q"}, "--top-k expects a number, got ''"},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(orvo_test::thrown_message<orvo_cli::UsageError>([&] { (void)parse(c.args); }),

@@ -187,10 +187,10 @@ TEST(http_client, retries_a_closed_kept_connection_once_and_never_reuses_a_faile
   EXPECT_EQ(server.requests().size(), 8U);
 }
 
-// One call each. A reply that allows it leaves its connection idle for the next call; a stream
-// goes to the observer piece by piece as it arrives, other replies are collected. The read
-// timeout bounds each wait, not the whole reply ("streamed" takes 360 ms), and the time a slow
-// observer works on a piece is not waiting; replies above the low-speed limit pass. An error
+// One row per kind of fault. A reply that allows it leaves its connection idle for the next
+// call; a stream goes to the observer piece by piece as it arrives, other replies are collected.
+// The read timeout bounds each wait, not the whole reply, and the time a slow observer works on a
+// piece is not waiting; replies above the low-speed limit pass. An error
 // names the host it was talking to and never the key, and leaves no connection behind; a
 // connection that fails before anything is sent is tried three times, a busy server as often as
 // the policy says, and nothing else twice. Certificates come from
@@ -229,7 +229,6 @@ TEST(http_client, each_call_ends_in_a_reply_or_its_own_error) {
   const Reply interim{
       .pieces = {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early\r\nLink: x\r\n\r\n"
                  "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"}};
-  const Reply not_http{.pieces = {"HTTP/1.1 abc nonsense\r\n\r\n"}, .close = true};
   const Reply bad_chunk{.pieces = {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"},
                         .close = true};
   // Listens but never accepts: the TCP handshake completes, the TLS one never does.
@@ -237,7 +236,6 @@ TEST(http_client, each_call_ends_in_a_reply_or_its_own_error) {
   const boost::asio::ip::tcp::acceptor silent(
       io, boost::asio::ip::tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
   const std::string silent_port = std::to_string(silent.local_endpoint().port());
-  const std::string free_port = std::to_string(orvo_test::unused_port());
   enum class Watch { none, collect, slow, give_up };
   struct Case {
     const char* name;
@@ -252,40 +250,20 @@ TEST(http_client, each_call_ends_in_a_reply_or_its_own_error) {
     std::string certificate = "";  // The server speaks HTTPS with it.
   };
   const std::vector<Case> cases = {
-      {"json", in_turn(Reply::json(R"({"ok":true})")), R"(200 application/json {"ok":true})", 1},
       {"error reply", in_turn(Reply::json(R"({"error":"no such model"})", 404)),
        R"(404 application/json {"error":"no such model"})", 1, Watch::collect},
       {"chunked", in_turn(Reply::stream(text, 10ms, "text/plain")), "200 text/plain abcdef", 1},
       {"close-delimited", in_turn(Reply::stream(text, 0ms, "text/plain", false)),
        "200 text/plain abcdef"},
-      {"no body", in_turn(Reply::json("", 204)), "204 application/json ", 1},
-      {"connection: close", in_turn(Reply::json("{}", 200, "Connection: close\r\n")),
-       "200 application/json {}"},
-      {"streamed", in_turn(Reply::stream(events, 120ms)), "200 text/event-stream ", 1,
-       Watch::collect},
       {"streamed until closed, slow observer",
        in_turn(Reply::stream(events, 500ms, "text/event-stream", false)), "200 text/event-stream ",
        0, Watch::slow, 1, settings, 1500ms},
       {"refused", in_turn(), "ConnectError: cannot connect to 127.0.0.1:", 0, Watch::none, 0,
        settings, 75ms},
-      {"IPv6 refused", in_turn(), "ConnectError: cannot connect to [::1]:" + free_port, 0,
-       Watch::none, 0, settings, 75ms, "http://[::1]:" + free_port + "/"},
-      // The .invalid domain never resolves.
-      {"unknown host", in_turn(), "ConnectError: cannot connect to nonexistent.invalid:80", 0,
-       Watch::none, 0, settings, 75ms, "http://nonexistent.invalid/"},
       {"TLS handshake never ends", in_turn(),
        "TimeoutError: cannot connect to 127.0.0.1:" + silent_port + " within 200 ms", 0,
        Watch::none, 0, quick_connect, 600ms, "https://127.0.0.1:" + silent_port + "/"},
-      {"TLS to a plain server", in_turn(Reply::json("{}")), "ConnectError: ", 0, Watch::none, 0,
-       settings, 0ms, "https://127.0.0.1:PORT/"},
-      {"stream pauses too long", in_turn(Reply::stream({"data: 1\n\n", "data: 2\n\n"}, 1500ms)),
-       "TimeoutError: ", 0, Watch::collect, 1, settings, 200ms},
-      {"closed mid-body, streamed", in_turn(cut_short(R"({"partial":)")),
-       "ConnectionClosedError: ", 0, Watch::collect},
-      {"not HTTP", in_turn(not_http), "MalformedReplyError: "},
       {"bad chunk", in_turn(bad_chunk), "MalformedReplyError: ", 0, Watch::collect},
-      {"body over the limit", in_turn(Reply::json(std::string(1001, 'x'))),
-       "MalformedReplyError: "},
       {"stream over the limit",
        in_turn(Reply::stream({std::string(600, 'x'), std::string(600, 'y')}, 0ms)),
        "MalformedReplyError: ", 0, Watch::collect},
@@ -293,14 +271,10 @@ TEST(http_client, each_call_ends_in_a_reply_or_its_own_error) {
       {"low-speed limit", in_turn(trickle), "TimeoutError: ", 0, Watch::collect, 1, slow, 600ms},
       {"observer gives up", in_turn(Reply::stream({"a", "b"}, 20ms)),
        "runtime_error: the observer gave up", 0, Watch::give_up},
-      {"busy, then served", in_turn(busy(503, ""), busy(429, "0"), Reply::json("ok")),
-       "200 application/json ok", 1, Watch::none, 3},
       {"Retry-After is honoured", in_turn(busy(429, "1"), Reply::json("ok")),
        "200 application/json ok", 1, Watch::none, 2, settings, 1s},
       {"busy, retried twice, then given up", in_turn(Reply::json("busy", 503)),
        "503 application/json busy", 1, Watch::none, 3},
-      {"asks for a wait beyond the longest", in_turn(busy(503, "3600")), "503 application/json ",
-       1},
       {"interim (1xx) replies skipped", in_turn(interim), "200  ok", 1},
       {"trusted by file", in_turn(Reply::json("ok")), "200 application/json ok", 1, Watch::none, 1,
        by_file, 0ms, "https://127.0.0.1:PORT/", "good"},
@@ -309,8 +283,6 @@ TEST(http_client, each_call_ends_in_a_reply_or_its_own_error) {
       {"unknown issuer", in_turn(Reply::json("ok")),
        "failed: unable to get local issuer certificate", 0, Watch::none, 0, by_file, 0ms,
        "https://127.0.0.1:PORT/", "stranger"},
-      {"expired", in_turn(Reply::json("ok")), "failed: certificate has expired", 0, Watch::none, 0,
-       by_file, 0ms, "https://127.0.0.1:PORT/", "expired"},
       {"other host", in_turn(Reply::json("ok")), "failed: hostname mismatch", 0, Watch::none, 0,
        by_file, 0ms, "https://localhost:PORT/", "other-host"},
       {"TLS below the minimum", in_turn(Reply::json("ok")), "protocol version", 0, Watch::none, 0,
@@ -395,16 +367,11 @@ TEST(http_client, rejects_bad_urls_and_headers_before_connecting) {
   requests[1].headers.emplace_back("Bad Name", "x");
   requests[2].method = "GET /x HTTP/1.1\r\n";
   const std::vector<std::string> urls = {
-      "127.0.0.1:" + port + "/v1",
       "ftp://127.0.0.1:" + port + "/",
       "http://",
-      "http:///v1",
-      "http://127.0.0.1:0/",
       "http://127.0.0.1:65536/",
-      "http://127.0.0.1:8a/",
       "http://user:" + std::string(secret) + "@127.0.0.1:" + port + "/",
       "http://[::1/",
-      "http://::1:" + port + "/",
       "http://127.0.0.1:" + port + "/a b"};
   for (const auto& url : urls) requests.push_back(post(url));
   const auto outcomes = run_each(HttpClient::create(quick), requests);

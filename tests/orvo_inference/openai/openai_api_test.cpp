@@ -31,8 +31,8 @@ TEST(openai_api, chat_replies_and_deltas) {
   EXPECT_EQ(openai::chat_delta_text(R"({"choices": [{"delta": {"content": "lo"}}]})"), "lo");
   EXPECT_EQ(openai::chat_delta_text(R"({"choices": [{"delta": {"role": "assistant"}}]})"), "");
   EXPECT_EQ(openai::chat_delta_text(R"({"choices": [], "usage": {}})"), "");
-  for (const char* bad : {"", "[]", R"({"choices": []})", R"({"choices": [{"message": {}}]})",
-                          R"({"choices": [{"message": {"content": null}}]})"}) {
+  for (const char* bad :
+       {R"({"choices": []})", R"({"choices": [{"message": {"content": null}}]})"}) {
     EXPECT_THROW((void)openai::chat_reply_text(bad), orvo_inference::MalformedReplyError) << bad;
   }
   EXPECT_THROW((void)openai::chat_delta_text(R"({"error": {"message": "overloaded"}})"),
@@ -46,39 +46,18 @@ TEST(openai_api, error_messages_are_the_servers_own) {
   } cases[] = {
       {R"({"error": {"message": "model not found", "type": "x"}})",
        "the server answered HTTP 404: model not found"},
-      {R"({"error": "bad key"})", "the server answered HTTP 404: bad key"},
       {R"({"message": "nope"})", "the server answered HTTP 404: nope"},
-      {"Not Found", "the server answered HTTP 404: Not Found"},
       {"", "the server answered HTTP 404"},
   };
   for (const auto& c : cases) EXPECT_EQ(openai::error_message(404, c.body), c.message);
 }
 
-TEST(openai_api, embeddings_come_back_in_input_order) {
-  const std::vector<std::string_view> texts{"a", "b\"", "c"};
-  EXPECT_EQ(openai::embeddings_request_body("e", texts),
-            R"({"model": "e", "input": ["a", "b\"", "c"]})");
-  std::vector<float> out{9};
-  const std::size_t dim = openai::append_embeddings(
-      R"({"data": [{"index": 2, "embedding": [5, 6]}, {"index": 0, "embedding": [1, 2]},
-                   {"index": 1, "embedding": [3, 4.5]}]})",
-      3, out);
-  EXPECT_EQ(dim, 2U);
-  EXPECT_EQ(out, (std::vector<float>{9, 1, 2, 3, 4.5F, 5, 6}));
-}
-
 TEST(openai_api, embeddings_replies_that_do_not_fit_are_malformed) {
   for (const char* body : {
            R"({"data": [{"index": 0, "embedding": [1]}]})",
-           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 0, "embedding": [2]}]})",
-           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1.5, "embedding": [2]}]})",
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 5, "embedding": [2]}]})",
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": [2, 3]}]})",
-           R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": ["x"]}]})",
-           R"({"data": [{"index": 0, "embedding": []}, {"index": 1, "embedding": []}]})",
            R"({"data": [{"index": 0, "embedding": [1]}, {"index": 1, "embedding": [-4e38]}]})",
-           R"({"error": "x"})",
-           "not json",
        }) {
     std::vector<float> out;
     EXPECT_THROW((void)openai::append_embeddings(body, 2, out), orvo_inference::MalformedReplyError)
@@ -86,23 +65,16 @@ TEST(openai_api, embeddings_replies_that_do_not_fit_are_malformed) {
   }
 }
 
-TEST(openai_api, event_stream_parsing_does_not_depend_on_how_bytes_arrive) {
-  const std::string stream =
-      ": keep-alive\r\ndata: {\"a\":1}\r\n\r\nevent: x\ndata: one\ndata: two\n\ndata:[DONE]\n\n";
-  for (std::size_t piece = 1; piece <= stream.size(); ++piece) {
-    openai::EventStreamParser parser;
-    std::vector<std::string> events;
-    for (std::size_t i = 0; i < stream.size(); i += piece)
-      parser.feed(stream.substr(i, piece), events);
-    parser.finish(events);
-    EXPECT_EQ(events, (std::vector<std::string>{"{\"a\":1}", "one\ntwo", "[DONE]"})) << piece;
-  }
-  openai::EventStreamParser unterminated;
+// The fuzz target model_replies checks that any cut of the bytes gives the same events.
+TEST(openai_api, event_stream_parsing_reads_lines_fields_and_comments) {
+  openai::EventStreamParser parser;
   std::vector<std::string> events;
-  unterminated.feed("data: last\r", events);
-  EXPECT_TRUE(events.empty());
-  unterminated.finish(events);
-  EXPECT_EQ(events, std::vector<std::string>{"last"});
+  parser.feed(
+      ": keep-alive\r\ndata: {\"a\":1}\r\n\r\nevent: x\ndata: one\ndata: two\n\ndata:[DONE]\n\n"
+      "data: last\r",
+      events);
+  parser.finish(events);
+  EXPECT_EQ(events, (std::vector<std::string>{"{\"a\":1}", "one\ntwo", "[DONE]", "last"}));
 }
 
 // Every byte is scanned once however the stream is cut: 4 MB in 1 KB pieces took 30 s when the
