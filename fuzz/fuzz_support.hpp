@@ -3,7 +3,6 @@
 // Shared pieces of the fuzz targets: a byte reader, a builder of dynamic values, a UTF-8 check
 // and the failure report.
 
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -35,15 +34,9 @@ namespace orvo_fuzz {
     if (!(condition)) ::orvo_fuzz::fail(#condition, detail); \
   } while (false)
 
-/// Bytes for a failure report: printable ASCII as it is, any other byte as \xNN.
-inline std::string escaped(std::string_view bytes, std::size_t limit = 400) {
-  std::string out;
-  for (const char c : bytes.substr(0, limit)) {
-    char hex[5];
-    std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
-    out += c >= 0x20 && c < 0x7F && c != '\\' ? std::string(1, c) : std::string(hex);
-  }
-  return out + (bytes.size() > limit ? "..." : "");
+/// Bytes for a failure report, in their quoted form.
+inline std::string escaped(std::string_view bytes) {
+  return orvo_core::Any(std::string(bytes)).repr();
 }
 
 /// A chunk of a derived class and an object of no known class: no path may assume the exact
@@ -132,9 +125,6 @@ class ValueBuilder {
   explicit ValueBuilder(Input& in, ObjectFactory objects = {}, int max_depth = 5)
       : in_(in), objects_(std::move(objects)), max_depth_(max_depth) {}
 
-  bool made_cycle = false;  ///< A container built so far holds one of its own ancestors.
-  bool made_nan = false;    ///< A NaN was built.
-
   /// Empties every container and chunk built, which breaks the reference cycles that would
   /// otherwise leak: a value that holds itself is never freed by reference counting.
   ~ValueBuilder() {
@@ -185,7 +175,6 @@ class ValueBuilder {
       const std::uint64_t bits = in_.u64();
       std::memcpy(&d, &bits, sizeof d);
     }
-    if (std::isnan(d)) made_nan = true;
     return d;
   }
 
@@ -250,10 +239,7 @@ class ValueBuilder {
 
   // A container built before, or one still being filled, which closes a cycle.
   orvo_core::Any shared(int depth) {
-    if (in_.flag() && !open_.empty()) {
-      made_cycle = true;
-      return open_[in_.below(open_.size())];
-    }
+    if (in_.flag() && !open_.empty()) return open_[in_.below(open_.size())];
     if (done_.empty()) return list(depth);
     return done_[in_.below(done_.size())];
   }

@@ -1,5 +1,6 @@
 // The parsers of model-server replies on arbitrary bodies: only their documented errors escape,
-// and the event stream does not depend on how its bytes arrive.
+// and the event stream does not depend on how its bytes arrive. What they read from well-formed
+// replies is the unit tests'.
 //
 // Input: one byte with the embedding count, one with the number of sentinel floats, two with
 // the HTTP status, four that seed the stream split, then the body.
@@ -12,15 +13,12 @@
 #include <vector>
 
 #include "fuzz_support.hpp"
-#include "orvo_core/errors.hpp"
-#include "orvo_core/json.hpp"
 #include "orvo_inference/errors.hpp"
 #include "orvo_inference/openai/openai_api.hpp"
 #include "orvo_inference/output_parser/json_output_parser.hpp"
 
 namespace {
 
-using orvo_core::Any;
 using orvo_fuzz::escaped;
 namespace openai = orvo_inference::openai;
 
@@ -43,23 +41,6 @@ std::vector<std::string> events(std::string_view body, std::optional<std::uint32
   return out;
 }
 
-// reply["choices"][0][member][field] when every step exists.
-std::optional<Any> path(std::string_view body, const char* member, const char* field) {
-  try {
-    const Any reply = orvo_core::parse_json(body);
-    if (!reply.is_map()) return std::nullopt;
-    const Any choices = orvo_core::get(reply.as_map(), "choices");
-    if (!choices.is_list() || choices.as_list().empty() || !choices.as_list()[0].is_map()) {
-      return std::nullopt;
-    }
-    const Any m = orvo_core::get(choices.as_list()[0].as_map(), member);
-    if (!m.is_map()) return std::nullopt;
-    return orvo_core::get(m.as_map(), field);
-  } catch (const orvo_core::ValueError&) {
-    return std::nullopt;
-  }
-}
-
 }  // namespace
 
 // Any exception that a check does not catch escapes and stops the run.
@@ -73,30 +54,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string context = escaped(body);
 
   try {
-    const std::string text = openai::chat_reply_text(body);
-    const std::optional<Any> content = path(body, "message", "content");
-    ORVO_FUZZ_CHECK(content && content->is_string() && content->as_string() == text, context);
+    (void)openai::chat_reply_text(body);
   } catch (const orvo_inference::MalformedReplyError&) {
   }
-
   try {
-    const std::string text = openai::chat_delta_text(body);
-    const std::optional<Any> content = path(body, "delta", "content");
-    if (!text.empty()) ORVO_FUZZ_CHECK(content && content->str() == text, context);
+    (void)openai::chat_delta_text(body);
   } catch (const orvo_inference::MalformedReplyError&) {
   } catch (const orvo_inference::HttpStatusError& e) {
     ORVO_FUZZ_CHECK(e.status == 200, context);
   }
 
-  const std::string message = openai::error_message(status, body);
-  ORVO_FUZZ_CHECK(message.starts_with("the server answered HTTP " + std::to_string(status)),
-                  context + " -> " + escaped(message));
+  (void)openai::error_message(status, body);
 
   std::vector<float> out(sentinels, -7.5f);
   try {
     const std::size_t dim = openai::append_embeddings(body, count, out);
-    ORVO_FUZZ_CHECK(count == 0 || dim > 0, context);
-    ORVO_FUZZ_CHECK(out.size() == sentinels + count * dim, context);
+    ORVO_FUZZ_CHECK((count == 0 || dim > 0) && out.size() == sentinels + count * dim, context);
   } catch (const orvo_inference::MalformedReplyError&) {
   }
   for (std::size_t i = 0; i < sentinels; ++i) ORVO_FUZZ_CHECK(out[i] == -7.5f, context);
@@ -107,16 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const auto& event : whole) ORVO_FUZZ_CHECK(event.find('\r') == std::string::npos, context);
 
   try {
-    const Any parsed = orvo_inference::JsonOutputParser().parse(body);
-    ORVO_FUZZ_CHECK(parsed.is_map(), context);
-    // A reply that is exactly a JSON object is that object.
-    if (body.find("```") == std::string::npos) {
-      try {
-        const Any object = orvo_core::parse_json(body);
-        if (object.is_map()) ORVO_FUZZ_CHECK(parsed == object, context);
-      } catch (const orvo_core::ValueError&) {
-      }
-    }
+    ORVO_FUZZ_CHECK(orvo_inference::JsonOutputParser().parse(body).is_map(), context);
   } catch (const orvo_inference::OutputParserError&) {
   }
   return 0;
