@@ -53,7 +53,6 @@ class Input {
   Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
 
   [[nodiscard]] bool empty() const { return pos_ >= size_; }
-  [[nodiscard]] std::size_t left() const { return empty() ? 0 : size_ - pos_; }
 
   std::uint8_t byte() { return empty() ? 0 : data_[pos_++]; }
 
@@ -70,7 +69,7 @@ class Input {
 
   /// Up to `max` raw bytes, the count coming first.
   std::string bytes(std::size_t max) {
-    const std::size_t n = std::min<std::size_t>(below(max + 1), left());
+    const std::size_t n = std::min<std::size_t>(below(max + 1), size_ - pos_);
     std::string out(reinterpret_cast<const char*>(data_ + pos_), n);
     pos_ += n;
     return out;
@@ -146,8 +145,7 @@ class ValueBuilder {
     if (pick == 2) return integer();
     if (pick == 3) return floating();
     if (pick <= 5) return string();
-    if (pick == 6) return list(depth);
-    if (pick == 7) return map(depth);
+    if (pick <= 7) return container(depth, pick == 7);
     if (pick == 8) return shared(depth);
     return objects_ ? objects_(in_, *this, depth + 1) : orvo_core::Any(string());
   }
@@ -204,20 +202,15 @@ class ValueBuilder {
       metadata.insert_or_assign(std::move(k), std::move(v));
     }
     std::string content = string();
-    std::shared_ptr<orvo_core::Chunk> made;
-    if (in_.below(4) == 0) {
-      made = std::make_shared<DerivedChunk>(std::move(content), std::move(metadata));
-    } else {
-      made = std::make_shared<orvo_core::Chunk>(std::move(content), std::move(metadata));
-    }
+    const std::shared_ptr<orvo_core::Chunk> made =
+        in_.below(4) == 0
+            ? std::make_shared<DerivedChunk>(std::move(content), std::move(metadata))
+            : std::make_shared<orvo_core::Chunk>(std::move(content), std::move(metadata));
     if (in_.below(4) == 0) made->id = string();
     if (in_.below(4) == 0) made->score = floating();
     chunks_.push_back(made);
     return made;
   }
-
-  orvo_core::Any list(int depth) { return container(depth, false); }
-  orvo_core::Any map(int depth) { return container(depth, true); }
 
  private:
   orvo_core::Any container(int depth, bool is_map) {
@@ -240,7 +233,7 @@ class ValueBuilder {
   // A container built before, or one still being filled, which closes a cycle.
   orvo_core::Any shared(int depth) {
     if (in_.flag() && !open_.empty()) return open_[in_.below(open_.size())];
-    if (done_.empty()) return list(depth);
+    if (done_.empty()) return container(depth, false);
     return done_[in_.below(done_.size())];
   }
 

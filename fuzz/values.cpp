@@ -1,6 +1,10 @@
 // Dynamic values from arbitrary bytes: the raw bytes as a string, as JSON text and as a reference
 // event's value, then values of every kind built from the bytes. The exact text forms are the
 // differential test's to pin; here they must be well-formed, round-trip and compare sanely.
+// Then the parsers of model-server replies: only their documented errors escape, and the event
+// stream does not depend on how its bytes arrive; what they read from well-formed replies is
+// the unit tests'. Their input: one byte with the embedding count, one with the number of
+// sentinel floats, two with the HTTP status, four that seed the stream split, then the body.
 
 #include <algorithm>
 #include <cmath>
@@ -8,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "fuzz_support.hpp"
 #include "orvo_core/any.hpp"
@@ -15,6 +20,9 @@
 #include "orvo_core/json.hpp"
 #include "orvo_core/text.hpp"
 #include "orvo_generation/reference_formatter/reference_formatter.hpp"
+#include "orvo_inference/errors.hpp"
+#include "orvo_inference/openai/openai_api.hpp"
+#include "orvo_inference/output_parser/json_output_parser.hpp"
 
 namespace {
 
@@ -22,6 +30,7 @@ using orvo_core::Any;
 using orvo_fuzz::escaped;
 using orvo_fuzz::Input;
 using orvo_fuzz::ValueBuilder;
+namespace openai = orvo_inference::openai;
 
 bool printable_ascii(std::string_view s) {
   return std::all_of(s.begin(), s.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
@@ -87,12 +96,73 @@ std::optional<bool> compare(const Any& a, const Any& b) {
   }
 }
 
+// The events of `body` fed whole, and fed in pieces cut by `seed` (some of them empty).
+std::vector<std::string> events(std::string_view body, std::optional<std::uint32_t> seed) {
+  std::vector<std::string> out;
+  openai::EventStreamParser parser;
+  std::uint32_t x = seed.value_or(1) | 1;  // xorshift: never stuck at zero
+  for (std::size_t i = 0; i < body.size();) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    // Mostly short pieces, now and then a long one.
+    const std::size_t n =
+        seed ? std::min<std::size_t>(x % 8 == 0 ? x % 64 : x % 4, body.size() - i) : body.size();
+    parser.feed(body.substr(i, n), out);
+    i += n;
+  }
+  parser.finish(out);
+  return out;
+}
+
+void check_replies(Input& in) {
+  const std::size_t count = in.below(6);
+  const std::size_t sentinels = in.below(4);
+  const auto status = static_cast<unsigned>(in.u64(2));
+  const auto seed = static_cast<std::uint32_t>(in.u64(4));
+  const std::string body(in.rest());
+  const std::string context = escaped(body);
+
+  try {
+    (void)openai::chat_reply_text(body);
+  } catch (const orvo_inference::MalformedReplyError&) {
+  }
+  try {
+    (void)openai::chat_delta_text(body);
+  } catch (const orvo_inference::MalformedReplyError&) {
+  } catch (const orvo_inference::HttpStatusError& e) {
+    ORVO_FUZZ_CHECK(e.status == 200, context);
+  }
+
+  (void)openai::error_message(status, body);
+
+  std::vector<float> out(sentinels, -7.5f);
+  try {
+    const std::size_t dim = openai::append_embeddings(body, count, out);
+    ORVO_FUZZ_CHECK((count == 0 || dim > 0) && out.size() == sentinels + count * dim, context);
+  } catch (const orvo_inference::MalformedReplyError&) {
+  }
+  for (std::size_t i = 0; i < sentinels; ++i) ORVO_FUZZ_CHECK(out[i] == -7.5f, context);
+
+  // CR, LF and CRLF all end a line, so no event holds a CR.
+  const std::vector<std::string> whole = events(body, std::nullopt);
+  ORVO_FUZZ_CHECK(events(body, seed) == whole, context);
+  for (const auto& event : whole) ORVO_FUZZ_CHECK(event.find('\r') == std::string::npos, context);
+
+  try {
+    ORVO_FUZZ_CHECK(orvo_inference::JsonOutputParser().parse(body).is_map(), context);
+  } catch (const orvo_inference::OutputParserError&) {
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   check_string(bytes);
   check_json(bytes);
+  Input reply(data, size);
+  check_replies(reply);
 
   // Values of every kind; chunks whose metadata may hold the containers being built make
   // cycles through an object.
