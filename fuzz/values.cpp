@@ -134,7 +134,9 @@ void check_replies(Input& in) {
     ORVO_FUZZ_CHECK(e.status == 200, context);
   }
 
-  (void)openai::error_message(status, body);
+  const std::string message = openai::error_message(status, body);
+  ORVO_FUZZ_CHECK(message.starts_with("the server answered HTTP " + std::to_string(status)),
+                  context + " -> " + escaped(message));
 
   std::vector<float> out(sentinels, -7.5f);
   try {
