@@ -3,7 +3,6 @@
 // Shared pieces of the fuzz targets: a byte reader, a builder of dynamic values, a UTF-8 check
 // and the failure report.
 
-#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -35,15 +34,9 @@ namespace orvo_fuzz {
     if (!(condition)) ::orvo_fuzz::fail(#condition, detail); \
   } while (false)
 
-/// Bytes for a failure report: printable ASCII as it is, any other byte as \xNN.
-inline std::string escaped(std::string_view bytes, std::size_t limit = 400) {
-  std::string out;
-  for (const char c : bytes.substr(0, limit)) {
-    char hex[5];
-    std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(c));
-    out += c >= 0x20 && c < 0x7F && c != '\\' ? std::string(1, c) : std::string(hex);
-  }
-  return out + (bytes.size() > limit ? "..." : "");
+/// Bytes for a failure report, in their quoted form.
+inline std::string escaped(std::string_view bytes) {
+  return orvo_core::Any(std::string(bytes)).repr();
 }
 
 /// A chunk of a derived class and an object of no known class: no path may assume the exact
@@ -60,7 +53,6 @@ class Input {
   Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
 
   [[nodiscard]] bool empty() const { return pos_ >= size_; }
-  [[nodiscard]] std::size_t left() const { return empty() ? 0 : size_ - pos_; }
 
   std::uint8_t byte() { return empty() ? 0 : data_[pos_++]; }
 
@@ -77,7 +69,7 @@ class Input {
 
   /// Up to `max` raw bytes, the count coming first.
   std::string bytes(std::size_t max) {
-    const std::size_t n = std::min<std::size_t>(below(max + 1), left());
+    const std::size_t n = std::min<std::size_t>(below(max + 1), size_ - pos_);
     std::string out(reinterpret_cast<const char*>(data_ + pos_), n);
     pos_ += n;
     return out;
@@ -132,9 +124,6 @@ class ValueBuilder {
   explicit ValueBuilder(Input& in, ObjectFactory objects = {}, int max_depth = 5)
       : in_(in), objects_(std::move(objects)), max_depth_(max_depth) {}
 
-  bool made_cycle = false;  ///< A container built so far holds one of its own ancestors.
-  bool made_nan = false;    ///< A NaN was built.
-
   /// Empties every container and chunk built, which breaks the reference cycles that would
   /// otherwise leak: a value that holds itself is never freed by reference counting.
   ~ValueBuilder() {
@@ -156,8 +145,7 @@ class ValueBuilder {
     if (pick == 2) return integer();
     if (pick == 3) return floating();
     if (pick <= 5) return string();
-    if (pick == 6) return list(depth);
-    if (pick == 7) return map(depth);
+    if (pick <= 7) return container(depth, pick == 7);
     if (pick == 8) return shared(depth);
     return objects_ ? objects_(in_, *this, depth + 1) : orvo_core::Any(string());
   }
@@ -185,7 +173,6 @@ class ValueBuilder {
       const std::uint64_t bits = in_.u64();
       std::memcpy(&d, &bits, sizeof d);
     }
-    if (std::isnan(d)) made_nan = true;
     return d;
   }
 
@@ -215,20 +202,15 @@ class ValueBuilder {
       metadata.insert_or_assign(std::move(k), std::move(v));
     }
     std::string content = string();
-    std::shared_ptr<orvo_core::Chunk> made;
-    if (in_.below(4) == 0) {
-      made = std::make_shared<DerivedChunk>(std::move(content), std::move(metadata));
-    } else {
-      made = std::make_shared<orvo_core::Chunk>(std::move(content), std::move(metadata));
-    }
+    const std::shared_ptr<orvo_core::Chunk> made =
+        in_.below(4) == 0
+            ? std::make_shared<DerivedChunk>(std::move(content), std::move(metadata))
+            : std::make_shared<orvo_core::Chunk>(std::move(content), std::move(metadata));
     if (in_.below(4) == 0) made->id = string();
     if (in_.below(4) == 0) made->score = floating();
     chunks_.push_back(made);
     return made;
   }
-
-  orvo_core::Any list(int depth) { return container(depth, false); }
-  orvo_core::Any map(int depth) { return container(depth, true); }
 
  private:
   orvo_core::Any container(int depth, bool is_map) {
@@ -250,11 +232,8 @@ class ValueBuilder {
 
   // A container built before, or one still being filled, which closes a cycle.
   orvo_core::Any shared(int depth) {
-    if (in_.flag() && !open_.empty()) {
-      made_cycle = true;
-      return open_[in_.below(open_.size())];
-    }
-    if (done_.empty()) return list(depth);
+    if (in_.flag() && !open_.empty()) return open_[in_.below(open_.size())];
+    if (done_.empty()) return container(depth, false);
     return done_[in_.below(done_.size())];
   }
 

@@ -16,22 +16,15 @@ MAX_CODE_POINT = 0x10FFFF
 INVALID = (b"\xc0\x80 \xc0\xaf \xc1\xbf \xe0\x80\xaf \xe0\x9f\xbf \xf0\x80\x80\xaf "
            b"\xf0\x8f\xbf\xbf \xed\xa0\x80 \xed\xbf\xbf \xed\xb2\x80 \xed\xa0\xbd\xed\xb8\x80 "
            b"\xf4\x90\x80\x80 \xf7\xbf\xbf\xbf \xf8\x88\x80\x80\x80").split()
-FLOATS = [0.0, -0.0, 0.5, 1.0, -1.0, 1e16, 1e-5, 1e15, 1e-4, 1e-3, 123456789012345678.0,
-          9999999999999998.0, 1e16 - 2, 1e17, 1e22, 1e23, 0.1, 0.2, 0.30000000000000004, 1 / 3,
-          2.0 ** 53, 2.0 ** 63, 1.7976931348623157e308, 5e-324, 2.2250738585072014e-308,
-          2.225073858507201e-308, math.inf, -math.inf, math.nan, -math.nan,
-          0.00009999999999999999, 0.0001000000000000001, 1234.5, 100.0]
-INTEGERS = [0, 1, -1, 2**63 - 1, -2**63, -2**63 + 1, 2**63 - 2, 10, -10, 2**31, -2**31 - 1,
-            2**53 + 1, 10**18, -10**18]
+FLOATS = [0.0, -0.0, 1e16, 1e-5, 123456789012345678.0, 9999999999999998.0, 1e22, 0.1,
+          0.30000000000000004, 2.0 ** 63, 1.7976931348623157e308, 5e-324, 2.225073858507201e-308,
+          math.inf, -math.inf, math.nan, 0.00009999999999999999, 100.0]
 
 
 def check_environment():
-    # The printable table and the float layout on the other side are tied to these.
+    # The printable table on the other side is tied to this.
     if unicodedata.unidata_version != "14.0.0":
-        sys.exit(f"any_oracle.py: needs the Unicode 14.0.0 database (Python 3.11), this python3 "
-                 f"has {unicodedata.unidata_version} (Python {sys.version.split()[0]})")
-    if sys.float_repr_style != "short":
-        sys.exit("any_oracle.py: needs shortest round-trip float repr (sys.float_repr_style)")
+        sys.exit(f"any_oracle.py: needs Unicode 14.0.0 (Python 3.11), not {sys.version}")
 
 
 def to_bytes(s):
@@ -88,10 +81,7 @@ class Generator:
             lambda: to_bytes("".join(self.code_point() for _ in range(count))),
             self.cut_short,
             lambda: rng.choice(INVALID),
-            # Bytes that never start a sequence, and stray continuation bytes.
-            lambda: bytes(rng.choice([*range(0xF5, 0x100), *range(0x80, 0xC2)])
-                          for _ in range(count)),
-            # A lead byte followed by something that is not a continuation.
+            # A lead byte followed by something that is not a continuation, and any bytes.
             lambda: bytes([rng.randint(0xC2, 0xF4), rng.choice(b"A'\"\xc3\xf0")]),
             lambda: bytes(rng.getrandbits(8) for _ in range(count * 3)),
         ]
@@ -112,30 +102,23 @@ class Generator:
 
     def integer(self):
         rng = self.rng
-        n = rng.choice([rng.choice(INTEGERS), rng.getrandbits(64) - 2**63, rng.randint(-1000, 1000),
-                        rng.getrandbits(rng.randint(1, 63)) * rng.choice([1, -1])])
+        n = rng.choice([rng.choice([0, 2**63 - 1, -2**63]), rng.getrandbits(64) - 2**63,
+                        rng.randint(-1000, 1000)])
         return Value(n, [f"I{n}"])
 
     def float_(self):
         rng = self.rng
-        sign = rng.getrandbits(1) << 63
-        roll = rng.randrange(8)
-        if roll <= 1:  # any bit pattern: NaN payloads, subnormals, huge and tiny exponents
+        roll = rng.randrange(4)
+        if roll == 0:  # any bit pattern: NaN payloads, subnormals, huge and tiny exponents
             bits = rng.getrandbits(64)
-        elif roll == 2:  # subnormals
-            bits = rng.getrandbits(52) | sign
-        elif roll == 3:  # neighbours of the switch points between plain and scientific layout
+        elif roll == 1:  # neighbours of the switch points between plain and scientific layout
             base = rng.choice([1e-4, 1e-5, 1e16, 1e15, 1e17, 1.0, 10.0, 0.001])
-            bits = (float_bits(base) + rng.randint(-3, 3)) | sign
-        elif roll == 4:
+            bits = (float_bits(base) + rng.randint(-3, 3)) | (rng.getrandbits(1) << 63)
+        elif roll == 2:
             bits = float_bits(rng.choice(FLOATS))
-        elif roll == 5:  # short decimals at every magnitude near the layout boundaries
+        else:  # short decimals at every magnitude near the layout boundaries
             mantissa = rng.randint(1, 10**rng.randint(1, 17) - 1)
-            bits = float_bits(float(f"{mantissa}e{rng.randint(-25, 20)}")) | sign
-        elif roll == 6:  # integers as floats
-            bits = float_bits(float(rng.getrandbits(rng.randint(1, 70))))
-        else:  # finite values with an exponent the layout cares about
-            bits = float_bits(rng.random() * 10.0 ** rng.randint(-8, 20))
+            bits = float_bits(float(f"{mantissa}e{rng.randint(-25, 20)}"))
         return float_value(bits)
 
     def value(self, depth=0):
@@ -168,8 +151,6 @@ def special_values():
     yield string_value(to_bytes(every))
     # Each byte 0x80..0xFF alone, so none of them can be part of a valid sequence.
     yield string_value(b"".join(bytes([b]) + b"." for b in range(0x80, 0x100)))
-    items = [string_value(bytes([b])) for b in range(0x80, 0x100)]
-    yield Value([item.py for item in items], [f"L{len(items)}"] + [i.tokens[0] for i in items])
 
 
 def record(value):

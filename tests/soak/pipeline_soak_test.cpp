@@ -247,21 +247,16 @@ void soak(std::size_t count, std::uint32_t seed) {
     Soak soak(count, seed);
     soak.run();
     std::size_t bad = 0;
-    std::size_t failed[3] = {};
     std::string report;
     for (std::size_t id = 0; id < count; ++id) {
       const std::string found = problems(id, soak.turns[id]);
       if (!found.empty() && ++bad <= 5) report += "\nturn " + std::to_string(id) + ":" + found;
-      ++failed[soak.turns[id].fails];
     }
     EXPECT_EQ(bad, 0U) << report;
     EXPECT_EQ(soak.peak_in_flight, count) << "not every turn was in flight at once";
-    EXPECT_TRUE(count < 1000 || (failed[kSynthesizer] > 0 && failed[kFormatter] > 0));
   }
   EXPECT_EQ(LiveCounter<LiveToken>::live(), 0) << "chunks or state maps were kept";
   EXPECT_EQ(LiveCounter<orvo_test::RecordingEmitter>::live(), 0) << "emitters were kept";
-  EXPECT_EQ(LiveCounter<orvo_test::FakeLMRequestProcessor>::live(), 0) << "processors were kept";
-  EXPECT_EQ(LiveCounter<orvo_test::FakeEMInvoker>::live(), 0) << "invokers were kept";
 }
 
 TEST(pipeline_soak, ten_thousand_turns_in_flight_each_get_exactly_their_own_work) {

@@ -11,30 +11,28 @@
 
 #include "orvo_inference/em_invoker/em_invoker.hpp"
 #include "support/async_fakes.hpp"
-#include "support/live_counter.hpp"
 
 namespace orvo_test {
 
 /// An embedding invoker that looks texts up in a table and records every call. With a delay,
 /// it reads the texts only once the delay is over, so views that do not stay valid for the
 /// whole call are read after the fact (which AddressSanitizer reports).
-class FakeEMInvoker : public orvo_inference::BaseEMInvoker, public LiveCounter<FakeEMInvoker> {
+class FakeEMInvoker : public orvo_inference::BaseEMInvoker {
  public:
-  /// One call: the single text, or the list of texts.
+  /// One call: the texts asked for (one for a single text).
   struct Call {
-    bool single;
     std::vector<std::string> texts;
   };
 
   orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string text) override {
     if (delay != nullptr) co_await delay->wait();
-    record(Call{true, {text}});
+    record(Call{{text}});
     co_return embed(text);
   }
 
   orvo_core::Awaitable<orvo_core::Embeddings> invoke(std::vector<std::string_view> texts) override {
     if (delay != nullptr) co_await delay->wait();
-    record(Call{false, std::vector<std::string>(texts.begin(), texts.end())});
+    record(Call{std::vector<std::string>(texts.begin(), texts.end())});
     std::vector<orvo_core::Embedding> rows;
     for (const auto text : texts) rows.push_back(embed(text));
     // Misbehave on request: drop or duplicate rows.

@@ -11,14 +11,12 @@
 
 #include "orvo_inference/request_processor/lm_request_processor.hpp"
 #include "support/async_fakes.hpp"
-#include "support/live_counter.hpp"
 
 namespace orvo_test {
 
 /// A request processor that answers through `respond` and records every call; optionally after
 /// a delay, and streaming the answer word by word to the emitter first, as a chat model does.
-class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor,
-                               public LiveCounter<FakeLMRequestProcessor> {
+class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor {
  public:
   /// One call, with the prompt map as it was when the call was made.
   struct Call {
