@@ -16,6 +16,7 @@
 #include <bit>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -96,8 +97,10 @@ std::string difference(const std::string& expected, const std::string& got) {
 }
 
 TEST(any_differential, matches_host_str_repr_and_json) {
+  // Through the environment, the shell takes the path as it is, quotes and all.
+  ::setenv("ORVO_ORACLE_SCRIPT", ORVO_ORACLE_SCRIPT, 1);
   const std::string command =
-      "python3 '" ORVO_ORACLE_SCRIPT "' 20240611 " + std::to_string(kRandomValues);
+      "python3 \"$ORVO_ORACLE_SCRIPT\" 20240611 " + std::to_string(kRandomValues);
   FILE* pipe = ::popen(command.c_str(), "r");
   ASSERT_NE(pipe, nullptr) << "could not start a shell to run: " << command;
   std::string contents;
