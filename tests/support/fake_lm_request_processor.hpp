@@ -40,8 +40,11 @@ class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor {
                          std::move(user_multimodal_contents)});
     const std::size_t index = calls.size() - 1;
     peak_in_flight = std::max(peak_in_flight, ++in_flight);
-    if (delay != nullptr) co_await delay->wait();
-    --in_flight;
+    {
+      // A call cancelled during its delay leaves the count too.
+      const InFlight waiting(in_flight);
+      if (delay != nullptr) co_await delay->wait();
+    }
     orvo_core::Any answer = respond ? respond(calls[index].snapshot, index) : orvo_core::Any();
     const std::string text = stream_words && event_emitter ? answer.as_string() : "";
     for (std::size_t begin = 0; begin < text.size();) {
@@ -61,7 +64,15 @@ class FakeLMRequestProcessor : public orvo_inference::LMRequestProcessor {
   std::optional<std::size_t> fail_at;  ///< Call index (from 0) that throws.
   RandomDelay* delay = nullptr;        ///< Awaited before the answer and before each word.
   bool stream_words = false;           ///< Streams a text answer as RESPONSE events.
-  std::size_t in_flight = 0;           ///< Calls waiting for their delay.
+  struct InFlight {
+    explicit InFlight(std::size_t& count) : count_(count) {}
+    ~InFlight() { --count_; }
+    InFlight(const InFlight&) = delete;
+    InFlight& operator=(const InFlight&) = delete;
+    std::size_t& count_;
+  };
+
+  std::size_t in_flight = 0;  ///< Calls waiting for their delay.
   std::size_t peak_in_flight = 0;
 };
 
