@@ -19,36 +19,30 @@ namespace orvo_test {
 /// whole call are read after the fact (which AddressSanitizer reports).
 class FakeEMInvoker : public orvo_inference::BaseEMInvoker {
  public:
-  /// One call: the texts asked for (one for a single text).
-  struct Call {
-    std::vector<std::string> texts;
-  };
-
   orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string text) override {
     if (delay != nullptr) co_await delay->wait();
-    record(Call{{text}});
+    record({text});
     co_return embed(text);
   }
 
   orvo_core::Awaitable<orvo_core::Embeddings> invoke(std::vector<std::string_view> texts) override {
     if (delay != nullptr) co_await delay->wait();
-    record(Call{std::vector<std::string>(texts.begin(), texts.end())});
+    record(std::vector<std::string>(texts.begin(), texts.end()));
     std::vector<orvo_core::Embedding> rows;
     for (const auto text : texts) rows.push_back(embed(text));
-    // Misbehave on request: drop or duplicate rows.
-    for (; extra_rows < 0 && !rows.empty(); ++extra_rows) rows.pop_back();
-    for (; extra_rows > 0; --extra_rows) rows.push_back(rows.back());
+    // Misbehave on request: one row too many.
+    if (extra_row) rows.push_back(rows.back());
     co_return orvo_core::Embeddings::from_rows(rows);
   }
 
   std::map<std::string, orvo_core::Embedding, std::less<>> table;  ///< Text to vector.
-  std::vector<Call> calls;
+  std::vector<std::vector<std::string>> calls;                     ///< The texts of each call.
   std::optional<std::size_t> fail_at;  ///< Call index (from 0) that throws.
-  int extra_rows = 0;                  ///< Rows added (or removed, if negative) to a batch.
+  bool extra_row = false;              ///< Whether a batch's last row comes twice.
   RandomDelay* delay = nullptr;        ///< Awaited before each answer.
 
  private:
-  void record(Call call) {
+  void record(std::vector<std::string> call) {
     if (fail_at && *fail_at == calls.size()) throw std::runtime_error("invoke failed");
     calls.push_back(std::move(call));
   }

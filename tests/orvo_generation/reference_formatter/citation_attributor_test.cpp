@@ -51,7 +51,7 @@ TEST(citation_attributor, marks_supported_sentences_with_one_request) {
   EXPECT_EQ(a.unsupported, std::vector<std::size_t>{1});
   EXPECT_EQ(a.sentences[2].begin, 27U);
   ASSERT_EQ(invoker->calls.size(), 1U);
-  EXPECT_EQ(invoker->calls[0].texts.size(), 5U) << "the sentences and the contents together";
+  EXPECT_EQ(invoker->calls[0].size(), 5U) << "the sentences and the contents together";
 
   attributor.max_markers = 1;
   const rf::Attribution merged =
@@ -66,7 +66,7 @@ TEST(citation_attributor, marks_supported_sentences_with_one_request) {
   const rf::Attribution ranked = orvo_core::run_sync(attributor.attribute(response, scored));
   EXPECT_EQ(ranked.text, "The moon pulls [1]. Cats purr.\nThe sun helps [1][2]!");
   ASSERT_EQ(invoker->calls.size(), 1U);
-  EXPECT_EQ(invoker->calls[0].texts, (Texts{"The moon pulls.", "Cats purr.", "The sun helps!"}));
+  EXPECT_EQ(invoker->calls[0], (Texts{"The moon pulls.", "Cats purr.", "The sun helps!"}));
 }
 
 }  // namespace
