@@ -12,18 +12,15 @@ using orvo_core::Event;
 using orvo_core::EventLevel;
 using orvo_core::EventType;
 
-class Collector : public orvo_core::EventHandler {
- public:
-  Collector(std::string name, std::vector<std::string>* log) : name_(std::move(name)), log_(log) {}
+struct Collector : orvo_core::EventHandler {
+  Collector(std::string name, std::vector<std::string>* log) : name(std::move(name)), log(log) {}
   orvo_core::Awaitable<void> handle(Event event) override {
-    log_->push_back(name_ + ":" + event.value + ":" +
-                    std::string(orvo_core::to_string(event.type)));
+    log->push_back(name + ":" + event.value + ":" + std::string(orvo_core::to_string(event.type)));
     co_return;
   }
 
- private:
-  std::string name_;
-  std::vector<std::string>* log_;
+  std::string name;
+  std::vector<std::string>* log;
 };
 
 TEST(event_emitter, passes_each_event_at_its_minimum_level_to_every_handler_in_order) {

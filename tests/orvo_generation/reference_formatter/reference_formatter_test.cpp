@@ -28,39 +28,32 @@ constexpr const char* kResponseError =
 constexpr const char* kChunksError =
     "The input kwargs for reference formatter must include a `chunks` key of type `list[Chunk]`.";
 
-// Keeps the chunks at the chosen positions and records what it was asked.
+// Keeps the chunks at the chosen positions and records the responses it was asked about.
 class PickingFormatter : public rf::BaseReferenceFormatter {
  public:
   using BaseReferenceFormatter::BaseReferenceFormatter;
 
   orvo_core::Awaitable<rf::Chunks> _get_relevant_chunks(std::string response,
                                                         rf::Chunks chunks) override {
-    ++calls;
-    seen_response = response;
+    seen.push_back(response);
     rf::Chunks relevant;
     for (const std::size_t i : keep) relevant.push_back(chunks.at(i));
     co_return relevant;
   }
 
   std::vector<std::size_t> keep{0, 1, 2};
-  int calls = 0;
-  std::string seen_response;
-};
-
-// A chunk of a class of its own.
-class NotedChunk : public orvo_core::Chunk {
- public:
-  using Chunk::Chunk;
+  std::vector<std::string> seen;
 };
 
 rf::Chunks abc_chunks() {
-  return {make_chunk("alpha", "A", "a"), make_chunk("beta", "B", "b"),
+  return {make_chunk("alpha", "Caf\xc3\xa9 \xe6\x97\xa5", "a"), make_chunk("beta", "B", "b"),
           make_chunk("gamma", "C", "c")};
 }
 
+// The response is passed on as given, not trimmed.
 Kwargs kwargs_for(const rf::Chunks& chunks, std::shared_ptr<RecordingEmitter> emitter = nullptr) {
   Kwargs kwargs;
-  kwargs.emplace("response", "The answer.");
+  kwargs.emplace("response", "  padded  ");
   kwargs.emplace("chunks", List(chunks.begin(), chunks.end()));
   if (emitter) kwargs.emplace("event_emitter", emitter);
   return kwargs;
@@ -103,30 +96,18 @@ TEST(reference_formatter, chunk_entries_follow_the_metadata_map) {
     EXPECT_EQ(direct._format_as_string({chunk, chunk}),
               rf::format_references_as_string({c.entry, c.entry}));
   }
+  const orvo_core::Chunk named("text", Map{{"name", "N"}, {"link", "l"}});
+  EXPECT_EQ(rf::format_chunk_as_string(Map{{"title", "name"}})(named), Any("N")) << "no `url`";
   const PickingFormatter unhashable(true, {}, {}, Map{{"title", List{}}});
   EXPECT_THROW((void)unhashable._format_as_string({make_chunk("a")}), orvo_core::TypeError);
-}
-
-TEST(reference_formatter, chunk_formatter_reads_its_map_at_every_call) {
-  const Any map(Map{{"title", "name"}});
-  const auto format = rf::format_chunk_as_string(map);
-  const orvo_core::Chunk chunk("text", Map{{"name", "N"}, {"link", "l"}});
-  EXPECT_EQ(format(chunk), Any("N")) << "a map without `url` gives the bare title";
-  map.as_map().insert_or_assign("url", "link");
-  EXPECT_EQ(format(chunk), Any("[N](l)"));
-  map.as_map().erase("title");
-  EXPECT_EQ(format(chunk), Any("[None](l)"));
-}
-
-TEST(reference_formatter, own_functions_replace_the_defaults) {
-  PickingFormatter formatter(
+  const PickingFormatter own(
       true, [](const List& entries) { return std::to_string(entries.size()) + " refs"; },
       [](const orvo_core::Chunk& /*c*/) { return Any(); });
-  EXPECT_EQ(formatter._format_as_string({make_chunk("a"), make_chunk("b")}), "2 refs");
+  EXPECT_EQ(own._format_as_string({make_chunk("a"), make_chunk("b")}), "2 refs");
 }
 
 TEST(reference_formatter, run_rejects_bad_inputs_with_the_fixed_messages) {
-  const Any noted(std::make_shared<NotedChunk>("text"));
+  const Any chunk(make_chunk("text"));
   const struct {
     std::optional<Any> response, chunks;  // None: the key is missing.
     const char* message;
@@ -134,7 +115,7 @@ TEST(reference_formatter, run_rejects_bad_inputs_with_the_fixed_messages) {
       {std::nullopt, List{}, kResponseError},
       {Any("   \n"), List{}, kResponseError},
       {Any("r"), std::nullopt, kChunksError},
-      {Any("r"), List{noted, noted, Any(std::make_shared<RecordingEmitter>())}, kChunksError},
+      {Any("r"), List{chunk, chunk, Any(std::make_shared<RecordingEmitter>())}, kChunksError},
   };
   for (const auto& c : cases) {
     PickingFormatter formatter;
@@ -145,7 +126,7 @@ TEST(reference_formatter, run_rejects_bad_inputs_with_the_fixed_messages) {
         orvo_test::thrown_message<orvo_core::ValueError>([&] { (void)run(formatter, kwargs); }),
         c.message)
         << Any(kwargs).repr();
-    EXPECT_EQ(formatter.calls, 0);
+    EXPECT_TRUE(formatter.seen.empty());
   }
 }
 
@@ -153,19 +134,14 @@ TEST(reference_formatter, text_result_is_streamed_as_one_ascii_event) {
   PickingFormatter formatter;
   formatter.keep = {0, 1};
   const auto emitter = std::make_shared<RecordingEmitter>();
-  rf::Chunks chunks = abc_chunks();
-  chunks[0] = make_chunk("alpha", "Caf\xc3\xa9 \xe6\x97\xa5", "a");
-  Kwargs kwargs = kwargs_for(chunks, emitter);
-  kwargs.insert_or_assign("response", "  padded  ");
-  EXPECT_EQ(run(formatter, kwargs),
+  EXPECT_EQ(run(formatter, kwargs_for(abc_chunks(), emitter)),
             Any("References:\n1. [Caf\xc3\xa9 \xe6\x97\xa5](a)\n2. [B](b)"));
-  EXPECT_EQ(formatter.seen_response, "  padded  ") << "passed on as given";
   EXPECT_EQ(emitter->values(), std::vector<std::string>{payload(
                                    R"js("References:\n1. [Caf\u00e9 \u65e5](a)\n2. [B](b)")js")});
-
   formatter.keep = {};
   EXPECT_EQ(run(formatter, kwargs_for({}, emitter)), Any(""));
-  EXPECT_EQ(formatter.calls, 2) << "an empty list of chunks reaches the relevance filter";
+  EXPECT_EQ(formatter.seen, (std::vector<std::string>(2, "  padded  ")))
+      << "an empty list of chunks reaches the relevance filter too";
 }
 
 TEST(reference_formatter, chunk_result_streams_one_dump_per_chunk_in_result_order) {

@@ -20,15 +20,12 @@ using orvo_core::Map;
 // The base's `_run` seen through the stuff synthesizer, which hands everything to its processor.
 struct Fixture {
   const orvo_test::FakeLMRequestProcessor::Call& run(Kwargs kwargs) {
-    EXPECT_EQ(orvo_core::run_sync(synthesizer._run(std::move(kwargs))), Any("response"));
+    (void)orvo_core::run_sync(synthesizer._run(std::move(kwargs)));
     return processor->calls.back();
   }
 
-  std::shared_ptr<orvo_test::FakeLMRequestProcessor> processor = [] {
-    auto fake = std::make_shared<orvo_test::FakeLMRequestProcessor>();
-    fake->respond = [](const Map& /*prompt*/, std::size_t /*i*/) { return Any("response"); };
-    return fake;
-  }();
+  std::shared_ptr<orvo_test::FakeLMRequestProcessor> processor =
+      std::make_shared<orvo_test::FakeLMRequestProcessor>();
   rs::StuffResponseSynthesizer synthesizer{processor};
 };
 
@@ -52,6 +49,12 @@ TEST(response_synthesizer, run_maps_the_keyword_arguments) {
   EXPECT_EQ(call.event_emitter, emitter);
   EXPECT_EQ(call.system_multimodal_contents.list_ptr(), system.list_ptr());
   EXPECT_EQ(call.user_multimodal_contents.list_ptr(), user.list_ptr());
+
+  f.synthesizer.streamable = false;
+  EXPECT_EQ(f.run({{"event_emitter", emitter}}).event_emitter, nullptr);
+  (void)orvo_core::run_sync(f.synthesizer.synthesize_response(Any(), Any(), Any(), emitter));
+  EXPECT_EQ(f.processor->calls.back().event_emitter, emitter) << "only `_run` withholds it";
+  EXPECT_TRUE(emitter->events.empty()) << "the synthesizer emits nothing itself";
 }
 
 TEST(response_synthesizer, status_messages_quote_the_query_and_the_response) {
