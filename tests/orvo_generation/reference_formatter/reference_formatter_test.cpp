@@ -144,28 +144,24 @@ TEST(reference_formatter, text_result_is_streamed_as_one_ascii_event) {
       << "an empty list of chunks reaches the relevance filter too";
 }
 
-TEST(reference_formatter, chunk_result_streams_one_dump_per_chunk_in_result_order) {
-  PickingFormatter formatter(false);
-  formatter.keep = {2, 0};
-  const auto emitter = std::make_shared<RecordingEmitter>();
-  const rf::Chunks chunks = abc_chunks();
-  EXPECT_EQ(run(formatter, kwargs_for(chunks, emitter)), Any(List{Any(chunks[2]), Any(chunks[0])}));
-  ASSERT_EQ(emitter->events.size(), 2U);
-  EXPECT_EQ(emitter->values()[0],
-            payload(R"("{'id': '', 'content': 'gamma', 'metadata': {'file_name': 'C', )"
-                    R"('file_url': 'c'}, 'score': None}")"));
-}
-
 TEST(reference_formatter, emitter_rules_and_errors) {
   PickingFormatter quiet(true, {}, {}, {}, false);
   const auto emitter = std::make_shared<RecordingEmitter>();
   (void)orvo_core::run_sync(quiet.format_reference("The answer.", abc_chunks(), emitter));
   EXPECT_EQ(emitter->events.size(), 1U) << "not streamable only withholds the emitter from `_run`";
 
+  // Chunks as the result: one dump per chunk, in result order.
   PickingFormatter formatter(false);
+  formatter.keep = {2, 0};
+  const rf::Chunks chunks = abc_chunks();
+  EXPECT_EQ(run(formatter, kwargs_for(chunks, emitter)), Any(List{Any(chunks[2]), Any(chunks[0])}));
+  ASSERT_EQ(emitter->events.size(), 3U);
+  EXPECT_EQ(emitter->values()[1],
+            payload(R"("{'id': '', 'content': 'gamma', 'metadata': {'file_name': 'C', )"
+                    R"('file_url': 'c'}, 'score': None}")"));
   emitter->fail_at = emitter->calls + 1;
-  EXPECT_THROW((void)run(formatter, kwargs_for(abc_chunks(), emitter)), std::runtime_error);
-  EXPECT_EQ(emitter->events.size(), 2U) << "a failing emit stops the remaining events";
+  EXPECT_THROW((void)run(formatter, kwargs_for(chunks, emitter)), std::runtime_error);
+  EXPECT_EQ(emitter->events.size(), 4U) << "a failing emit stops the remaining events";
 
   Kwargs kwargs = kwargs_for(abc_chunks());
   kwargs.insert_or_assign("event_emitter", "stdout");
