@@ -33,20 +33,15 @@ Any answer(List labels) {
   return Map{{"file_name", std::move(labels)}};
 }
 
-// Chunks "c0", "c1", ... labelled "f0.pdf", "f1.pdf", ...
-rf::Chunks labelled(int count) {
-  rf::Chunks chunks;
-  for (int i = 0; i < count; ++i) {
-    chunks.push_back(make_chunk("c" + std::to_string(i), "f" + std::to_string(i) + ".pdf"));
-  }
+// The first `count` of: a, a2 and b with labels (a shared one), u without, c with its own.
+rf::Chunks mixed(std::size_t count = 5) {
+  rf::Chunks chunks{make_chunk("a", "a.pdf"), make_chunk("a2", "a.pdf"), make_chunk("b", "b.pdf"),
+                    make_chunk("u"), make_chunk("c", "c.pdf")};
+  chunks.resize(count);
   return chunks;
 }
 
-// a, a2 and b have labels (a shared one), u has none, c its own.
-rf::Chunks mixed() {
-  return {make_chunk("a", "a.pdf"), make_chunk("a2", "a.pdf"), make_chunk("b", "b.pdf"),
-          make_chunk("u"), make_chunk("c", "c.pdf")};
-}
+const Any ac = answer(List{Any("a.pdf"), Any("c.pdf")});
 
 // A formatter whose judge gives every batch the same answer.
 struct Judge {
@@ -75,7 +70,6 @@ struct Judge {
 
 // Batches of two put b and u together; the policy decides for them when their batch fails.
 TEST(lm_based_reference_formatter, each_batch_keeps_the_chunks_its_answer_lists) {
-  const Any ac = answer(List{Any("a.pdf"), Any("c.pdf")});
   const struct {
     const char* name;
     Any answer;
@@ -134,7 +128,7 @@ TEST(lm_based_reference_formatter, context_and_answer_follow_the_reference_metad
             "[CHUNK]\npage: 7\nContent:\nAlpha\n\n[CHUNK]\npage: None\nContent:\nBeta");
 }
 
-// A judge that answers after random delays, so that batches finish out of order.
+// A judge that answers after random delays, so that batches of one finish out of order.
 TEST(lm_based_reference_formatter, concurrent_batches_merge_in_input_order) {
   const struct {
     std::int64_t concurrency;
@@ -142,15 +136,14 @@ TEST(lm_based_reference_formatter, concurrent_batches_merge_in_input_order) {
     const char* kept;
     std::size_t peak;
     std::size_t most_calls;  // a failure stops the batches not yet sent
-  } cases[] = {{8, std::nullopt, "c0 c2 c4 c6 c8", 5, 5}, {2, 0, "runtime_error", 2, 3}};
+  } cases[] = {{8, std::nullopt, "a a2 c", 5, 5}, {2, 0, "runtime_error", 2, 3}};
   orvo_test::RandomDelay delay(7, std::chrono::milliseconds(20));
   for (const auto& c : cases) {
-    Judge judge(
-        answer(List{Any("f0.pdf"), Any("f2.pdf"), Any("f4.pdf"), Any("f6.pdf"), Any("f8.pdf")}), 2);
+    Judge judge(ac, 1);
     judge.processor->delay = &delay;
     judge.processor->fail_at = c.fail_at;
     judge.formatter.max_concurrency = c.concurrency;
-    EXPECT_EQ(judge.relevant(labelled(10)), c.kept);
+    EXPECT_EQ(judge.relevant(mixed()), c.kept);
     EXPECT_EQ(judge.processor->peak_in_flight, c.peak) << c.concurrency;
     EXPECT_LE(judge.processor->calls.size(), c.most_calls) << c.concurrency;
   }
@@ -159,8 +152,8 @@ TEST(lm_based_reference_formatter, concurrent_batches_merge_in_input_order) {
 // Each worker's only batch is cancelled: taken for a failed batch, it would be kept.
 TEST(lm_based_reference_formatter, cancelling_the_call_is_no_batch_failure) {
   orvo_test::RandomDelay delay(7, std::chrono::milliseconds(400));
-  for (const auto& [concurrency, chunks] : {std::pair(1, 2), std::pair(4, 4)}) {
-    Judge judge(answer(List{Any("f0.pdf")}), 2);
+  for (const auto& [concurrency, chunks] : {std::pair(1, 1UL), std::pair(4, 4UL)}) {
+    Judge judge(ac, 1);
     judge.processor->delay = &delay;
     judge.formatter.max_concurrency = concurrency;
     judge.formatter.on_batch_failure = Policy::KEEP;
@@ -168,7 +161,7 @@ TEST(lm_based_reference_formatter, cancelling_the_call_is_no_batch_failure) {
     boost::asio::cancellation_signal cancel;
     std::exception_ptr error;
     const auto done = [&error](std::exception_ptr e, const rf::Chunks&) { error = std::move(e); };
-    boost::asio::co_spawn(io, judge.formatter._get_relevant_chunks("r", labelled(chunks)),
+    boost::asio::co_spawn(io, judge.formatter._get_relevant_chunks("r", mixed(chunks)),
                           boost::asio::bind_cancellation_slot(cancel.slot(), done));
     boost::asio::steady_timer later(io, std::chrono::milliseconds(5));
     later.async_wait([&cancel](auto) { cancel.emit(boost::asio::cancellation_type::all); });
