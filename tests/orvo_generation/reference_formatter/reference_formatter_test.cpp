@@ -67,16 +67,13 @@ std::string payload(const std::string& data_value) {
   return R"js({"data_type": "reference", "data_value": )js" + data_value + "}";
 }
 
-TEST(reference_formatter, references_text_is_numbered_under_a_header) {
+// The default text is written by a path of its own: it must say what the generic one says.
+TEST(reference_formatter, reference_text_numbers_chunk_entries_made_by_the_metadata_map) {
   EXPECT_EQ(rf::format_references_as_string({}), "");
   EXPECT_EQ(rf::format_references_as_string({Any("A"), Any(), Any(3)}),
             "References:\n1. A\n2. None\n3. 3");
   const std::string ten = rf::format_references_as_string(List(10, Any("x")));
   EXPECT_TRUE(ten.ends_with("\n9. x\n10. x")) << ten;
-}
-
-// The default text is written by a path of its own: it must say what the generic one says.
-TEST(reference_formatter, chunk_entries_follow_the_metadata_map) {
   const auto format = rf::format_chunk_as_string(rf::DEFAULT_FORMAT_CHUNK_METADATA_MAP);
   const struct {
     Map metadata;

@@ -55,6 +55,12 @@ TEST(response_synthesizer, run_maps_the_keyword_arguments) {
   (void)orvo_core::run_sync(f.synthesizer.synthesize_response(Any(), Any(), Any(), emitter));
   EXPECT_EQ(f.processor->calls.back().event_emitter, emitter) << "only `_run` withholds it";
   EXPECT_TRUE(emitter->events.empty()) << "the synthesizer emits nothing itself";
+
+  const Any legacy(Map{{"context", "c"}});
+  EXPECT_EQ(f.run({{"variables", legacy}}).prompt_kwargs, legacy.map_ptr());
+  EXPECT_NE(f.run({{"variables", legacy}, {"state_variables", Any()}}).prompt_kwargs,
+            legacy.map_ptr())
+      << "the key of today, even present but absent, wins over the former name";
 }
 
 TEST(response_synthesizer, status_messages_quote_the_query_and_the_response) {
@@ -64,15 +70,6 @@ TEST(response_synthesizer, status_messages_quote_the_query_and_the_response) {
   EXPECT_EQ(f.synthesizer._format_output_event(Any("Tides.\n")),
             "[Finished 'StuffResponseSynthesizer'] Successfully synthesized response:\n"
             "'Tides.\\n'");
-}
-
-TEST(response_synthesizer, state_variables_key_wins_over_the_former_name) {
-  Fixture f;
-  const Any legacy(Map{{"context", "c"}});
-  EXPECT_EQ(f.run({{"variables", legacy}}).prompt_kwargs, legacy.map_ptr());
-  EXPECT_NE(f.run({{"variables", legacy}, {"state_variables", Any()}}).prompt_kwargs,
-            legacy.map_ptr())
-      << "present but absent still wins";
 }
 
 }  // namespace
