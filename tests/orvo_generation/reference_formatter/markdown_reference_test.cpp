@@ -1,8 +1,8 @@
 #include "orvo_generation/reference_formatter/markdown_reference.hpp"
 
-#include <cstdio>
+#include <cstdlib>
 #include <fstream>
-#include <memory>
+#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -18,13 +18,10 @@ using orvo_core::Any;
 std::string cmark_html(const std::string& markdown) {
   const std::string path = testing::TempDir() + "orvo_markdown_reference.md";
   std::ofstream(path, std::ios::binary) << markdown;
-  const std::string command = std::string(ORVO_CMARK) + " " + path;
-  std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-  std::string html;
-  char buffer[4096];
-  for (std::size_t n; (n = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;)
-    html.append(buffer, n);
-  return html;
+  EXPECT_EQ(std::system((std::string(ORVO_CMARK) + " " + path + " > " + path + ".html").c_str()),
+            0);
+  std::ifstream html(path + ".html", std::ios::binary);
+  return {std::istreambuf_iterator<char>(html), {}};
 }
 
 TEST(markdown_reference, every_entry_renders_in_cmark_as_exactly_one_link_to_its_address) {
