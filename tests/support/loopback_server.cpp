@@ -20,22 +20,15 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 
-namespace orvo_test {
+#include "orvo_core/json.hpp"
 
-namespace {
+namespace orvo_test {
 
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
 namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
-
-std::string hex(std::size_t value) {
-  char digits[16];
-  return {digits, std::to_chars(digits, digits + sizeof digits, value, 16).ptr};
-}
-
-}  // namespace
 
 std::string RecordedRequest::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
@@ -45,11 +38,9 @@ std::string RecordedRequest::header(std::string_view name) const {
 }
 
 Reply Reply::json(std::string body, unsigned status, const std::string& head) {
-  const std::string reason = status == 200 ? " OK\r\n" : " Not OK\r\n";
-  return {.pieces = {"HTTP/1.1 " + std::to_string(status) + reason +
-                     "Content-Type: application/json\r\n" + head +
-                     "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body},
-          .close = head.find("Connection: close") != std::string::npos};
+  return {.pieces = {"HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Not OK") +
+                     "\r\nContent-Type: application/json\r\n" + head +
+                     "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body}};
 }
 
 Reply Reply::stream(const std::vector<std::string>& pieces, std::chrono::milliseconds delay,
@@ -59,8 +50,10 @@ Reply Reply::stream(const std::vector<std::string>& pieces, std::chrono::millise
                      (chunked ? "Transfer-Encoding: chunked" : "Connection: close") + "\r\n\r\n";
   Reply reply{.delay = delay, .close = !chunked};
   for (const auto& piece : pieces) {
+    char size[16];
+    const std::string_view hex(size, std::to_chars(size, size + 16, piece.size(), 16).ptr);
     reply.pieces.push_back(std::exchange(head, "") +
-                           (chunked ? hex(piece.size()) + "\r\n" + piece + "\r\n" : piece));
+                           (chunked ? std::string(hex) + "\r\n" + piece + "\r\n" : piece));
   }
   if (chunked) reply.pieces.back() += "0\r\n\r\n";
   return reply;
@@ -176,10 +169,21 @@ std::vector<RecordedRequest> LoopbackServer::requests() const {
   return state_->requests;
 }
 
-unsigned short unused_port() {
-  asio::io_context io;
-  tcp::acceptor acceptor(io, tcp::endpoint(asio::ip::address_v4::loopback(), 0));
-  return acceptor.local_endpoint().port();
+std::string chat_delta(const std::string& text) {
+  return R"(data: {"choices": [{"delta": {"content": )" + orvo_core::to_json(orvo_core::Any(text)) +
+         "}, \"finish_reason\": null}]}\n\n";
+}
+
+Reply embeddings(const RecordedRequest& request,
+                 const std::function<std::string(const std::string&)>& vector) {
+  const orvo_core::Any body = orvo_core::parse_json(request.body);
+  const auto& texts = orvo_core::get(body.as_map(), "input").as_list();
+  std::string reply = R"({"data": [)";
+  for (std::size_t i = texts.size(); i-- > 0;) {
+    reply += R"({"index": )" + std::to_string(i) + R"(, "embedding": )" +
+             vector(texts[i].as_string()) + (i != 0 ? "}, " : "}");
+  }
+  return Reply::json(reply + "]}");
 }
 
 }  // namespace orvo_test

@@ -68,7 +68,12 @@ class LoopbackServer {
   std::unique_ptr<State> state_;
 };
 
-/// A port on 127.0.0.1 that nobody listens on (it was free a moment ago).
-unsigned short unused_port();
+/// An event of a streamed chat reply that adds `text`.
+std::string chat_delta(const std::string& text);
+
+/// The reply to an embeddings request: `vector` gives each input text's vector as JSON. The
+/// vectors come in reverse order, as a server may list them.
+Reply embeddings(const RecordedRequest& request,
+                 const std::function<std::string(const std::string&)>& vector);
 
 }  // namespace orvo_test

@@ -1,7 +1,5 @@
 #include "corpus_index.hpp"
 
-#include <unistd.h>
-
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -9,6 +7,7 @@
 #include "orvo_core/async.hpp"
 #include "orvo_inference/em_invoker/lexical_em_invoker.hpp"
 #include "support/expect_throw_msg.hpp"
+#include "temp_corpus.hpp"
 
 namespace {
 
@@ -27,23 +26,6 @@ class CountingEMInvoker : public orvo_inference::LexicalEMInvoker {
   std::size_t embedded = 0;
 };
 
-class Corpus {
- public:
-  Corpus() : root_(fs::temp_directory_path() / ("orvo_index_" + std::to_string(getpid()))) {
-    fs::remove_all(root_);
-    fs::create_directories(root_ / "docs");
-  }
-  ~Corpus() { fs::remove_all(root_); }
-  void write(const std::string& name, const std::string& text) const {
-    std::ofstream(root_ / "docs" / name) << text;
-  }
-  [[nodiscard]] fs::path docs() const { return root_ / "docs"; }
-  [[nodiscard]] fs::path db() const { return root_ / "index.sqlite"; }
-
- private:
-  fs::path root_;
-};
-
 std::size_t sync_embedding(CorpusIndex& index, CountingEMInvoker& embedder,
                            const std::shared_ptr<CountingEMInvoker>& shared) {
   (void)index.sync({}, {});
@@ -53,7 +35,7 @@ std::size_t sync_embedding(CorpusIndex& index, CountingEMInvoker& embedder,
 }
 
 TEST(corpus_index, reads_and_embeds_only_what_changed) {
-  Corpus corpus;
+  const orvo_test::TempCorpus corpus;
   corpus.write("moon.md", "The moon raises the tides.\n\nIts pull is strongest nearby.");
   corpus.write("sun.md", "The sun adds its own smaller tide.");
   const auto embedder = std::make_shared<CountingEMInvoker>(64);
@@ -94,7 +76,7 @@ TEST(corpus_index, reads_and_embeds_only_what_changed) {
 }
 
 TEST(corpus_index, ranks_by_bm25_and_fuses_with_vectors) {
-  Corpus corpus;
+  const orvo_test::TempCorpus corpus;
   corpus.write("spring-and-neap-tides.md",
                "They come at new and full moon, when sun and moon align.");
   corpus.write("storms.md", "A storm surge raises the sea; spring brings storms to the coast.");
@@ -135,7 +117,7 @@ TEST(corpus_index, questions_become_safe_match_queries) {
 }
 
 TEST(corpus_index, a_file_that_is_no_index_says_so) {
-  Corpus corpus;
+  const orvo_test::TempCorpus corpus;
   std::ofstream(corpus.db()) << std::string(4096, 'x');
   EXPECT_THROW_MSG(CorpusIndex(corpus.db(), corpus.docs()), orvo_cli::DatabaseError,
                    "not an orvo index");

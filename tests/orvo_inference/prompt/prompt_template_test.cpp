@@ -52,15 +52,6 @@ TEST(prompt_template, fills_placeholders_with_text_forms) {
   EXPECT_EQ(describe(PromptTemplate("", "{query}").format(variables())), "user: \"Q?\"\n");
 }
 
-TEST(prompt_template, broken_templates_and_missing_variables_are_named) {
-  for (const char* broken : {"{", "}", "a {b", "a } b", "{}", "{a{b}}"}) {
-    EXPECT_THROW(PromptTemplate("", broken), orvo_core::ValueError) << broken;
-  }
-  EXPECT_EQ(orvo_test::thrown_message<orvo_core::ValueError>(
-                [] { (void)PromptTemplate("{context}", "{question}").format(variables()); }),
-            "the prompt variable 'question' is missing");
-}
-
 TEST(prompt_template, history_and_multimodal_contents_become_messages_and_parts) {
   Map turn;
   turn.emplace("role", "assistant");
@@ -76,7 +67,13 @@ TEST(prompt_template, history_and_multimodal_contents_become_messages_and_parts)
             "\n");
 }
 
-TEST(prompt_template, malformed_history_is_refused) {
+TEST(prompt_template, broken_templates_missing_variables_and_malformed_history_are_refused) {
+  for (const char* broken : {"{", "}", "a {b", "a } b", "{}", "{a{b}}"}) {
+    EXPECT_THROW(PromptTemplate("", broken), orvo_core::ValueError) << broken;
+  }
+  EXPECT_EQ(orvo_test::thrown_message<orvo_core::ValueError>(
+                [] { (void)PromptTemplate("{context}", "{question}").format(variables()); }),
+            "the prompt variable 'question' is missing");
   const PromptTemplate prompt("", "{query}");
   const Any bad_turns[] = {Any(List{Any("user")}), Any(List{Any("robot"), Any("x")}),
                            Any(List{Any("user"), Any(3)}), Any("user: hi"),
