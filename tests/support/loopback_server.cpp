@@ -1,15 +1,9 @@
 #include "support/loopback_server.hpp"
 
-#include <atomic>
 #include <charconv>
-#include <mutex>
-#include <optional>
-#include <thread>
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -59,114 +53,80 @@ Reply Reply::stream(const std::vector<std::string>& pieces, std::chrono::millise
   return reply;
 }
 
-struct LoopbackServer::State {
-  State(Handler handler, const std::string& identity) : handler(std::move(handler)) {
-    if (identity.empty()) return;
-    tls.emplace(ssl::context::tls_server);
-    tls->use_certificate_chain_file(identity);
-    tls->use_private_key_file(identity, ssl::context::pem);
-    SSL_CTX_set_max_proto_version(tls->native_handle(), TLS1_2_VERSION);  // Old, yet common.
+LoopbackServer::LoopbackServer(Handler handler, const std::string& identity)
+    : handler_(std::move(handler)),
+      acceptor_(io_, tcp::endpoint(asio::ip::address_v4::loopback(), 0)),
+      port_(acceptor_.local_endpoint().port()) {
+  if (!identity.empty()) {
+    tls_ = std::make_unique<ssl::context>(ssl::context::tls_server);
+    tls_->use_certificate_chain_file(identity);
+    tls_->use_private_key_file(identity, ssl::context::pem);
+    SSL_CTX_set_max_proto_version(tls_->native_handle(), TLS1_2_VERSION);  // Old, yet common.
   }
+  asio::co_spawn(io_, accept_loop(), asio::detached);
+  thread_ = std::thread([this] { io_.run(); });
+}
 
-  asio::awaitable<void> accept_loop() {
-    for (;;) {
-      error_code ec;
-      auto token = asio::redirect_error(asio::use_awaitable, ec);
-      tcp::socket socket = co_await acceptor.async_accept(token);
-      if (ec) co_return;
-      const std::size_t index = ++accepted;
-      if (tls) {  // One handshake at a time is enough for a test.
-        ssl::stream<tcp::socket> stream(std::move(socket), *tls);
-        co_await stream.async_handshake(ssl::stream_base::server, token);
-        if (!ec) asio::co_spawn(io, serve(std::move(stream), index), asio::detached);
-      } else {
-        asio::co_spawn(io, serve(std::move(socket), index), asio::detached);
-      }
-    }
-  }
+// Destroying the event loop destroys the suspended handlers and with them every open socket.
+LoopbackServer::~LoopbackServer() {
+  io_.stop();
+  thread_.join();
+}
 
-  template <typename Stream>
-  asio::awaitable<void> serve(Stream socket, std::size_t index) {
-    boost::beast::flat_buffer buffer;
+asio::awaitable<void> LoopbackServer::accept_loop() {
+  for (;;) {
     error_code ec;
     auto token = asio::redirect_error(asio::use_awaitable, ec);
-    for (;;) {
-      http::request<http::string_body> message;
-      co_await http::async_read(socket, buffer, message, token);
-      if (ec) co_return;
-      RecordedRequest request{std::string(message.method_string()),
-                              std::string(message.target()),
-                              {},
-                              std::move(message.body()),
-                              index};
-      for (const auto& field : message) {
-        request.headers.emplace_back(field.name_string(), field.value());
-      }
-      {
-        const std::lock_guard lock(mutex);
-        requests.push_back(request);
-      }
-      const Reply reply = handler(request);
-      if (reply.stall) {  // Until the client gives up.
-        char byte = 0;
-        while (!ec) co_await socket.async_read_some(asio::buffer(&byte, 1), token);
-        ++closed;
-        co_return;
-      }
-      for (std::size_t i = 0; !ec && i < reply.pieces.size(); ++i) {
-        if (i > 0 && reply.delay.count() > 0) {
-          asio::steady_timer timer(io, reply.delay);
-          co_await timer.async_wait(asio::use_awaitable);
-        }
-        co_await asio::async_write(socket, asio::buffer(reply.pieces[i]), token);
-      }
-      if (ec || reply.close) co_return;  // Closes the socket.
+    tcp::socket socket = co_await acceptor_.async_accept(token);
+    if (ec) co_return;
+    const std::size_t index = ++accepted_;
+    if (tls_) {  // One handshake at a time is enough for a test.
+      ssl::stream<tcp::socket> stream(std::move(socket), *tls_);
+      co_await stream.async_handshake(ssl::stream_base::server, token);
+      if (!ec) asio::co_spawn(io_, serve(std::move(stream), index), asio::detached);
+    } else {
+      asio::co_spawn(io_, serve(std::move(socket), index), asio::detached);
     }
   }
-
-  Handler handler;
-  std::optional<ssl::context> tls;
-  asio::io_context io;
-  tcp::acceptor acceptor{io, tcp::endpoint(asio::ip::address_v4::loopback(), 0)};
-  const unsigned short port = acceptor.local_endpoint().port();
-  std::atomic<std::size_t> accepted{0};
-  std::atomic<std::size_t> closed{0};
-  mutable std::mutex mutex;
-  std::vector<RecordedRequest> requests;
-  std::thread thread;
-};
-
-LoopbackServer::LoopbackServer(Handler handler, const std::string& identity)
-    : state_(std::make_unique<State>(std::move(handler), identity)) {
-  asio::co_spawn(state_->io, state_->accept_loop(), asio::detached);
-  state_->thread = std::thread([state = state_.get()] { state->io.run(); });
 }
 
-// Destroying the state destroys the suspended handlers and with them every open socket.
-LoopbackServer::~LoopbackServer() {
-  state_->io.stop();
-  state_->thread.join();
-}
-
-std::string LoopbackServer::url() const {
-  return "http://127.0.0.1:" + std::to_string(port());
-}
-
-unsigned short LoopbackServer::port() const {
-  return state_->port;
-}
-
-std::size_t LoopbackServer::accepted_connections() const {
-  return state_->accepted.load();
-}
-
-std::size_t LoopbackServer::closed_by_client() const {
-  return state_->closed.load();
-}
-
-std::vector<RecordedRequest> LoopbackServer::requests() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->requests;
+template <typename Stream>
+asio::awaitable<void> LoopbackServer::serve(Stream socket, std::size_t index) {
+  boost::beast::flat_buffer buffer;
+  error_code ec;
+  auto token = asio::redirect_error(asio::use_awaitable, ec);
+  for (;;) {
+    http::request<http::string_body> message;
+    co_await http::async_read(socket, buffer, message, token);
+    if (ec) co_return;
+    RecordedRequest request{std::string(message.method_string()),
+                            std::string(message.target()),
+                            {},
+                            std::move(message.body()),
+                            index};
+    for (const auto& field : message) {
+      request.headers.emplace_back(field.name_string(), field.value());
+    }
+    {
+      const std::lock_guard lock(mutex_);
+      requests_.push_back(request);
+    }
+    const Reply reply = handler_(request);
+    if (reply.stall) {  // Until the client gives up.
+      char byte = 0;
+      while (!ec) co_await socket.async_read_some(asio::buffer(&byte, 1), token);
+      ++closed_;
+      co_return;
+    }
+    for (std::size_t i = 0; !ec && i < reply.pieces.size(); ++i) {
+      if (i > 0 && reply.delay.count() > 0) {
+        asio::steady_timer timer(io_, reply.delay);
+        co_await timer.async_wait(asio::use_awaitable);
+      }
+      co_await asio::async_write(socket, asio::buffer(reply.pieces[i]), token);
+    }
+    if (ec || reply.close) co_return;  // Closes the socket.
+  }
 }
 
 std::string chat_delta(const std::string& text) {

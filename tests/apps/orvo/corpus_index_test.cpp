@@ -26,12 +26,11 @@ class CountingEMInvoker : public orvo_inference::LexicalEMInvoker {
   std::size_t embedded = 0;
 };
 
-std::size_t sync_embedding(CorpusIndex& index, CountingEMInvoker& embedder,
-                           const std::shared_ptr<CountingEMInvoker>& shared) {
+std::size_t sync_embedding(CorpusIndex& index, const std::shared_ptr<CountingEMInvoker>& embedder) {
   (void)index.sync({}, {});
-  const std::size_t before = embedder.embedded;
-  (void)orvo_core::run_sync(index.embed_missing(shared, "m", 2, {}));
-  return embedder.embedded - before;
+  const std::size_t before = embedder->embedded;
+  (void)orvo_core::run_sync(index.embed_missing(embedder, "m", 2, {}));
+  return embedder->embedded - before;
 }
 
 TEST(corpus_index, reads_and_embeds_only_what_changed) {
@@ -60,7 +59,7 @@ TEST(corpus_index, reads_and_embeds_only_what_changed) {
     s.change();
     const orvo_cli::SyncReport report = index.sync({}, {});
     EXPECT_EQ((std::vector{report.added, report.changed, report.removed, report.chunks,
-                           sync_embedding(index, *embedder, embedder)}),
+                           sync_embedding(index, embedder)}),
               (std::vector{s.added, s.changed, s.removed, s.chunks, s.embedded}))
         << s.step;
   }
@@ -68,7 +67,7 @@ TEST(corpus_index, reads_and_embeds_only_what_changed) {
   // A new connection to the same file sees it all: nothing is read or embedded again.
   CorpusIndex reopened(corpus.db(), corpus.docs());
   EXPECT_EQ(reopened.sync({}, {}).added, 0U);
-  EXPECT_EQ(sync_embedding(reopened, *embedder, embedder), 0U);
+  EXPECT_EQ(sync_embedding(reopened, embedder), 0U);
   // Another chunk size or another corpus starts over.
   EXPECT_EQ(reopened.sync(orvo_cli::ChunkOptions{400}, {}).added, 2U);
   CorpusIndex other(corpus.db(), corpus.docs() / "wind.txt");

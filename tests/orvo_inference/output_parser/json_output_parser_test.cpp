@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include "orvo_inference/errors.hpp"
 #include "support/expect_throw_msg.hpp"
 
 namespace {

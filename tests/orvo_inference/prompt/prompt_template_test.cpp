@@ -1,8 +1,6 @@
 #include "orvo_inference/prompt/prompt_template.hpp"
 
 #include <memory>
-#include <optional>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -16,16 +14,6 @@ using orvo_core::Any;
 using orvo_core::List;
 using orvo_core::Map;
 using orvo_inference::PromptTemplate;
-
-// A pair as a host language keeps it: an object that gives its items.
-class HostTuple : public orvo_core::Object {
- public:
-  explicit HostTuple(List items) : items_(std::move(items)) {}
-  [[nodiscard]] std::optional<List> items() const override { return items_; }
-
- private:
-  List items_;
-};
 
 Map variables() {
   Map map;
@@ -56,11 +44,10 @@ TEST(prompt_template, history_and_multimodal_contents_become_messages_and_parts)
   Map turn;
   turn.emplace("role", "assistant");
   turn.emplace("content", "hi");
-  const Any history(List{Any(List{Any("user"), Any("hello")}), Any(turn),
-                         Any(std::make_shared<HostTuple>(List{Any("user"), Any("and?")}))});
+  const Any history(List{Any(List{Any("user"), Any("hello")}), Any(turn)});
   const Any images(List{Any("https://x/cat.png"), Any("note")});
   EXPECT_EQ(describe(PromptTemplate("sys", "{query}").format(variables(), history, Any(), images)),
-            "system: \"sys\"\nuser: \"hello\"\nassistant: \"hi\"\nuser: \"and?\"\n"
+            "system: \"sys\"\nuser: \"hello\"\nassistant: \"hi\"\n"
             R"(user: [{"type": "text", "text": "Q?"}, )"
             R"({"type": "image_url", "image_url": {"url": "https://x/cat.png"}}, )"
             R"({"type": "text", "text": "note"}])"
