@@ -28,10 +28,8 @@ std::string chat_reply(const std::string& text) {
 // decides whether the reply streams.
 TEST(openai_lm_invoker, a_call_without_an_emitter_asks_for_the_whole_reply) {
   LoopbackServer server([](const auto&) { return Reply::json(chat_reply("The moon.")); });
-  orvo_core::Map parameters;
-  parameters.emplace("temperature", 0.0);
-  parameters.emplace("stream", "overridden");
-  orvo_inference::OpenAILMInvoker invoker("m1", server.url() + "/v1/", "", parameters);
+  orvo_inference::OpenAILMInvoker invoker("m1", server.url() + "/v1/", "",
+                                          {{"temperature", 0.0}, {"stream", "overridden"}});
   const std::vector<orvo_inference::ChatMessage> messages{{PromptRole::SYSTEM, Any("be brief")},
                                                           {PromptRole::USER, Any("why?")}};
   EXPECT_EQ(orvo_core::run_sync(invoker.invoke(messages)), "The moon.");

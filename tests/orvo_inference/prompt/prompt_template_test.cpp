@@ -16,11 +16,7 @@ using orvo_core::Map;
 using orvo_inference::PromptTemplate;
 
 Map variables() {
-  Map map;
-  map.emplace("context", "C");
-  map.emplace("query", "Q?");
-  map.emplace("n", 3);
-  return map;
+  return {{"context", "C"}, {"query", "Q?"}, {"n", 3}};
 }
 
 // "<role>: <content as JSON>", one line per message.
@@ -41,10 +37,8 @@ TEST(prompt_template, fills_placeholders_with_text_forms) {
 }
 
 TEST(prompt_template, history_and_multimodal_contents_become_messages_and_parts) {
-  Map turn;
-  turn.emplace("role", "assistant");
-  turn.emplace("content", "hi");
-  const Any history(List{Any(List{Any("user"), Any("hello")}), Any(turn)});
+  const Any history(List{Any(List{Any("user"), Any("hello")}),
+                         Any(Map{{"role", "assistant"}, {"content", "hi"}})});
   const Any images(List{Any("https://x/cat.png"), Any("note")});
   EXPECT_EQ(describe(PromptTemplate("sys", "{query}").format(variables(), history, Any(), images)),
             "system: \"sys\"\nuser: \"hello\"\nassistant: \"hi\"\n"

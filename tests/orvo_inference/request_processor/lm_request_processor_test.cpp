@@ -28,10 +28,8 @@ struct ScriptedInvoker : orvo_inference::BaseLMInvoker {
 };
 
 std::shared_ptr<orvo_core::Map> prompt_variables() {
-  auto map = std::make_shared<orvo_core::Map>();
-  map->emplace("response", "R");
-  map->emplace("context", "aaaa\n\nbbbbbbbb\n\ncccc");
-  return map;
+  return std::make_shared<orvo_core::Map>(
+      orvo_core::Map{{"response", "R"}, {"context", "aaaa\n\nbbbbbbbb\n\ncccc"}});
 }
 
 // Without a parser the reply's text is the result. A context budget caps the context the model
