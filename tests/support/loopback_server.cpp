@@ -1,15 +1,9 @@
 #include "support/loopback_server.hpp"
 
-#include <atomic>
 #include <charconv>
-#include <mutex>
-#include <optional>
-#include <thread>
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/redirect_error.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -20,22 +14,15 @@
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/string_body.hpp>
 
-namespace orvo_test {
+#include "orvo_core/json.hpp"
 
-namespace {
+namespace orvo_test {
 
 namespace asio = boost::asio;
 namespace http = boost::beast::http;
 namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
 using boost::system::error_code;
-
-std::string hex(std::size_t value) {
-  char digits[16];
-  return {digits, std::to_chars(digits, digits + sizeof digits, value, 16).ptr};
-}
-
-}  // namespace
 
 std::string RecordedRequest::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
@@ -45,11 +32,9 @@ std::string RecordedRequest::header(std::string_view name) const {
 }
 
 Reply Reply::json(std::string body, unsigned status, const std::string& head) {
-  const std::string reason = status == 200 ? " OK\r\n" : " Not OK\r\n";
-  return {.pieces = {"HTTP/1.1 " + std::to_string(status) + reason +
-                     "Content-Type: application/json\r\n" + head +
-                     "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body},
-          .close = head.find("Connection: close") != std::string::npos};
+  return {.pieces = {"HTTP/1.1 " + std::to_string(status) + (status == 200 ? " OK" : " Not OK") +
+                     "\r\nContent-Type: application/json\r\n" + head +
+                     "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body}};
 }
 
 Reply Reply::stream(const std::vector<std::string>& pieces, std::chrono::milliseconds delay,
@@ -59,127 +44,106 @@ Reply Reply::stream(const std::vector<std::string>& pieces, std::chrono::millise
                      (chunked ? "Transfer-Encoding: chunked" : "Connection: close") + "\r\n\r\n";
   Reply reply{.delay = delay, .close = !chunked};
   for (const auto& piece : pieces) {
+    char size[16];
+    const std::string_view hex(size, std::to_chars(size, size + 16, piece.size(), 16).ptr);
     reply.pieces.push_back(std::exchange(head, "") +
-                           (chunked ? hex(piece.size()) + "\r\n" + piece + "\r\n" : piece));
+                           (chunked ? std::string(hex) + "\r\n" + piece + "\r\n" : piece));
   }
   if (chunked) reply.pieces.back() += "0\r\n\r\n";
   return reply;
 }
 
-struct LoopbackServer::State {
-  State(Handler handler, const std::string& identity) : handler(std::move(handler)) {
-    if (identity.empty()) return;
-    tls.emplace(ssl::context::tls_server);
-    tls->use_certificate_chain_file(identity);
-    tls->use_private_key_file(identity, ssl::context::pem);
-    SSL_CTX_set_max_proto_version(tls->native_handle(), TLS1_2_VERSION);  // Old, yet common.
+LoopbackServer::LoopbackServer(Handler handler, const std::string& identity)
+    : handler_(std::move(handler)),
+      acceptor_(io_, tcp::endpoint(asio::ip::address_v4::loopback(), 0)),
+      port_(acceptor_.local_endpoint().port()) {
+  if (!identity.empty()) {
+    tls_ = std::make_unique<ssl::context>(ssl::context::tls_server);
+    tls_->use_certificate_chain_file(identity);
+    tls_->use_private_key_file(identity, ssl::context::pem);
+    SSL_CTX_set_max_proto_version(tls_->native_handle(), TLS1_2_VERSION);  // Old, yet common.
   }
+  asio::co_spawn(io_, accept_loop(), asio::detached);
+  thread_ = std::thread([this] { io_.run(); });
+}
 
-  asio::awaitable<void> accept_loop() {
-    for (;;) {
-      error_code ec;
-      auto token = asio::redirect_error(asio::use_awaitable, ec);
-      tcp::socket socket = co_await acceptor.async_accept(token);
-      if (ec) co_return;
-      const std::size_t index = ++accepted;
-      if (tls) {  // One handshake at a time is enough for a test.
-        ssl::stream<tcp::socket> stream(std::move(socket), *tls);
-        co_await stream.async_handshake(ssl::stream_base::server, token);
-        if (!ec) asio::co_spawn(io, serve(std::move(stream), index), asio::detached);
-      } else {
-        asio::co_spawn(io, serve(std::move(socket), index), asio::detached);
-      }
-    }
-  }
+// Destroying the event loop destroys the suspended handlers and with them every open socket.
+LoopbackServer::~LoopbackServer() {
+  io_.stop();
+  thread_.join();
+}
 
-  template <typename Stream>
-  asio::awaitable<void> serve(Stream socket, std::size_t index) {
-    boost::beast::flat_buffer buffer;
+asio::awaitable<void> LoopbackServer::accept_loop() {
+  for (;;) {
     error_code ec;
     auto token = asio::redirect_error(asio::use_awaitable, ec);
-    for (;;) {
-      http::request<http::string_body> message;
-      co_await http::async_read(socket, buffer, message, token);
-      if (ec) co_return;
-      RecordedRequest request{std::string(message.method_string()),
-                              std::string(message.target()),
-                              {},
-                              std::move(message.body()),
-                              index};
-      for (const auto& field : message) {
-        request.headers.emplace_back(field.name_string(), field.value());
-      }
-      {
-        const std::lock_guard lock(mutex);
-        requests.push_back(request);
-      }
-      const Reply reply = handler(request);
-      if (reply.stall) {  // Until the client gives up.
-        char byte = 0;
-        while (!ec) co_await socket.async_read_some(asio::buffer(&byte, 1), token);
-        ++closed;
-        co_return;
-      }
-      for (std::size_t i = 0; !ec && i < reply.pieces.size(); ++i) {
-        if (i > 0 && reply.delay.count() > 0) {
-          asio::steady_timer timer(io, reply.delay);
-          co_await timer.async_wait(asio::use_awaitable);
-        }
-        co_await asio::async_write(socket, asio::buffer(reply.pieces[i]), token);
-      }
-      if (ec || reply.close) co_return;  // Closes the socket.
+    tcp::socket socket = co_await acceptor_.async_accept(token);
+    if (ec) co_return;
+    const std::size_t index = ++accepted_;
+    if (tls_) {  // One handshake at a time is enough for a test.
+      ssl::stream<tcp::socket> stream(std::move(socket), *tls_);
+      co_await stream.async_handshake(ssl::stream_base::server, token);
+      if (!ec) asio::co_spawn(io_, serve(std::move(stream), index), asio::detached);
+    } else {
+      asio::co_spawn(io_, serve(std::move(socket), index), asio::detached);
     }
   }
-
-  Handler handler;
-  std::optional<ssl::context> tls;
-  asio::io_context io;
-  tcp::acceptor acceptor{io, tcp::endpoint(asio::ip::address_v4::loopback(), 0)};
-  const unsigned short port = acceptor.local_endpoint().port();
-  std::atomic<std::size_t> accepted{0};
-  std::atomic<std::size_t> closed{0};
-  mutable std::mutex mutex;
-  std::vector<RecordedRequest> requests;
-  std::thread thread;
-};
-
-LoopbackServer::LoopbackServer(Handler handler, const std::string& identity)
-    : state_(std::make_unique<State>(std::move(handler), identity)) {
-  asio::co_spawn(state_->io, state_->accept_loop(), asio::detached);
-  state_->thread = std::thread([state = state_.get()] { state->io.run(); });
 }
 
-// Destroying the state destroys the suspended handlers and with them every open socket.
-LoopbackServer::~LoopbackServer() {
-  state_->io.stop();
-  state_->thread.join();
+template <typename Stream>
+asio::awaitable<void> LoopbackServer::serve(Stream socket, std::size_t index) {
+  boost::beast::flat_buffer buffer;
+  error_code ec;
+  auto token = asio::redirect_error(asio::use_awaitable, ec);
+  for (;;) {
+    http::request<http::string_body> message;
+    co_await http::async_read(socket, buffer, message, token);
+    if (ec) co_return;
+    RecordedRequest request{std::string(message.method_string()),
+                            std::string(message.target()),
+                            {},
+                            std::move(message.body()),
+                            index};
+    for (const auto& field : message) {
+      request.headers.emplace_back(field.name_string(), field.value());
+    }
+    {
+      const std::lock_guard lock(mutex_);
+      requests_.push_back(request);
+    }
+    const Reply reply = handler_(request);
+    if (reply.stall) {  // Until the client gives up.
+      char byte = 0;
+      while (!ec) co_await socket.async_read_some(asio::buffer(&byte, 1), token);
+      ++closed_;
+      co_return;
+    }
+    for (std::size_t i = 0; !ec && i < reply.pieces.size(); ++i) {
+      if (i > 0 && reply.delay.count() > 0) {
+        asio::steady_timer timer(io_, reply.delay);
+        co_await timer.async_wait(asio::use_awaitable);
+      }
+      co_await asio::async_write(socket, asio::buffer(reply.pieces[i]), token);
+    }
+    if (ec || reply.close) co_return;  // Closes the socket.
+  }
 }
 
-std::string LoopbackServer::url() const {
-  return "http://127.0.0.1:" + std::to_string(port());
+std::string chat_delta(const std::string& text) {
+  return R"(data: {"choices": [{"delta": {"content": )" + orvo_core::to_json(orvo_core::Any(text)) +
+         "}, \"finish_reason\": null}]}\n\n";
 }
 
-unsigned short LoopbackServer::port() const {
-  return state_->port;
-}
-
-std::size_t LoopbackServer::accepted_connections() const {
-  return state_->accepted.load();
-}
-
-std::size_t LoopbackServer::closed_by_client() const {
-  return state_->closed.load();
-}
-
-std::vector<RecordedRequest> LoopbackServer::requests() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->requests;
-}
-
-unsigned short unused_port() {
-  asio::io_context io;
-  tcp::acceptor acceptor(io, tcp::endpoint(asio::ip::address_v4::loopback(), 0));
-  return acceptor.local_endpoint().port();
+Reply embeddings(const RecordedRequest& request,
+                 const std::function<std::string(const std::string&)>& vector) {
+  const orvo_core::Any body = orvo_core::parse_json(request.body);
+  const auto& texts = orvo_core::get(body.as_map(), "input").as_list();
+  std::string reply = R"({"data": [)";
+  for (std::size_t i = texts.size(); i-- > 0;) {
+    reply += R"({"index": )" + std::to_string(i) + R"(, "embedding": )" +
+             vector(texts[i].as_string()) + (i != 0 ? "}, " : "}");
+  }
+  return Reply::json(reply + "]}");
 }
 
 }  // namespace orvo_test

@@ -1,13 +1,24 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
+namespace boost::asio::ssl {
+class context;
+}
 
 namespace orvo_test {
 
@@ -54,21 +65,41 @@ class LoopbackServer {
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
   /// "http://127.0.0.1:PORT".
-  [[nodiscard]] std::string url() const;
-  [[nodiscard]] unsigned short port() const;
+  [[nodiscard]] std::string url() const { return "http://127.0.0.1:" + std::to_string(port_); }
+  [[nodiscard]] unsigned short port() const { return port_; }
   /// Connections accepted so far, TLS ones whose handshake failed included.
-  [[nodiscard]] std::size_t accepted_connections() const;
+  [[nodiscard]] std::size_t accepted_connections() const { return accepted_; }
   /// Stalled connections that the client has closed so far.
-  [[nodiscard]] std::size_t closed_by_client() const;
+  [[nodiscard]] std::size_t closed_by_client() const { return closed_; }
   /// The requests received so far, in order.
-  [[nodiscard]] std::vector<RecordedRequest> requests() const;
+  [[nodiscard]] std::vector<RecordedRequest> requests() const {
+    const std::lock_guard lock(mutex_);
+    return requests_;
+  }
 
  private:
-  struct State;
-  std::unique_ptr<State> state_;
+  boost::asio::awaitable<void> accept_loop();
+  template <typename Stream>
+  boost::asio::awaitable<void> serve(Stream socket, std::size_t index);
+
+  Handler handler_;
+  std::unique_ptr<boost::asio::ssl::context> tls_;
+  boost::asio::io_context io_;
+  boost::asio::ip::tcp::acceptor acceptor_;
+  unsigned short port_;
+  std::atomic<std::size_t> accepted_{0};
+  std::atomic<std::size_t> closed_{0};
+  mutable std::mutex mutex_;
+  std::vector<RecordedRequest> requests_;
+  std::thread thread_;
 };
 
-/// A port on 127.0.0.1 that nobody listens on (it was free a moment ago).
-unsigned short unused_port();
+/// An event of a streamed chat reply that adds `text`.
+std::string chat_delta(const std::string& text);
+
+/// The reply to an embeddings request: `vector` gives each input text's vector as JSON. The
+/// vectors come in reverse order, as a server may list them.
+Reply embeddings(const RecordedRequest& request,
+                 const std::function<std::string(const std::string&)>& vector);
 
 }  // namespace orvo_test

@@ -1,7 +1,5 @@
 #include "corpus_index.hpp"
 
-#include <unistd.h>
-
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -9,6 +7,7 @@
 #include "orvo_core/async.hpp"
 #include "orvo_inference/em_invoker/lexical_em_invoker.hpp"
 #include "support/expect_throw_msg.hpp"
+#include "temp_corpus.hpp"
 
 namespace {
 
@@ -27,33 +26,15 @@ class CountingEMInvoker : public orvo_inference::LexicalEMInvoker {
   std::size_t embedded = 0;
 };
 
-class Corpus {
- public:
-  Corpus() : root_(fs::temp_directory_path() / ("orvo_index_" + std::to_string(getpid()))) {
-    fs::remove_all(root_);
-    fs::create_directories(root_ / "docs");
-  }
-  ~Corpus() { fs::remove_all(root_); }
-  void write(const std::string& name, const std::string& text) const {
-    std::ofstream(root_ / "docs" / name) << text;
-  }
-  [[nodiscard]] fs::path docs() const { return root_ / "docs"; }
-  [[nodiscard]] fs::path db() const { return root_ / "index.sqlite"; }
-
- private:
-  fs::path root_;
-};
-
-std::size_t sync_embedding(CorpusIndex& index, CountingEMInvoker& embedder,
-                           const std::shared_ptr<CountingEMInvoker>& shared) {
+std::size_t sync_embedding(CorpusIndex& index, const std::shared_ptr<CountingEMInvoker>& embedder) {
   (void)index.sync({}, {});
-  const std::size_t before = embedder.embedded;
-  (void)orvo_core::run_sync(index.embed_missing(shared, "m", 2, {}));
-  return embedder.embedded - before;
+  const std::size_t before = embedder->embedded;
+  (void)orvo_core::run_sync(index.embed_missing(embedder, "m", 2, {}));
+  return embedder->embedded - before;
 }
 
 TEST(corpus_index, reads_and_embeds_only_what_changed) {
-  Corpus corpus;
+  const orvo_test::TempCorpus corpus;
   corpus.write("moon.md", "The moon raises the tides.\n\nIts pull is strongest nearby.");
   corpus.write("sun.md", "The sun adds its own smaller tide.");
   const auto embedder = std::make_shared<CountingEMInvoker>(64);
@@ -78,7 +59,7 @@ TEST(corpus_index, reads_and_embeds_only_what_changed) {
     s.change();
     const orvo_cli::SyncReport report = index.sync({}, {});
     EXPECT_EQ((std::vector{report.added, report.changed, report.removed, report.chunks,
-                           sync_embedding(index, *embedder, embedder)}),
+                           sync_embedding(index, embedder)}),
               (std::vector{s.added, s.changed, s.removed, s.chunks, s.embedded}))
         << s.step;
   }
@@ -86,7 +67,7 @@ TEST(corpus_index, reads_and_embeds_only_what_changed) {
   // A new connection to the same file sees it all: nothing is read or embedded again.
   CorpusIndex reopened(corpus.db(), corpus.docs());
   EXPECT_EQ(reopened.sync({}, {}).added, 0U);
-  EXPECT_EQ(sync_embedding(reopened, *embedder, embedder), 0U);
+  EXPECT_EQ(sync_embedding(reopened, embedder), 0U);
   // Another chunk size or another corpus starts over.
   EXPECT_EQ(reopened.sync(orvo_cli::ChunkOptions{400}, {}).added, 2U);
   CorpusIndex other(corpus.db(), corpus.docs() / "wind.txt");
@@ -94,7 +75,7 @@ TEST(corpus_index, reads_and_embeds_only_what_changed) {
 }
 
 TEST(corpus_index, ranks_by_bm25_and_fuses_with_vectors) {
-  Corpus corpus;
+  const orvo_test::TempCorpus corpus;
   corpus.write("spring-and-neap-tides.md",
                "They come at new and full moon, when sun and moon align.");
   corpus.write("storms.md", "A storm surge raises the sea; spring brings storms to the coast.");
@@ -135,7 +116,7 @@ TEST(corpus_index, questions_become_safe_match_queries) {
 }
 
 TEST(corpus_index, a_file_that_is_no_index_says_so) {
-  Corpus corpus;
+  const orvo_test::TempCorpus corpus;
   std::ofstream(corpus.db()) << std::string(4096, 'x');
   EXPECT_THROW_MSG(CorpusIndex(corpus.db(), corpus.docs()), orvo_cli::DatabaseError,
                    "not an orvo index");

@@ -1,6 +1,7 @@
 #include "options.hpp"
 
 #include <functional>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -15,23 +16,10 @@ AskOptions parse(std::vector<std::string_view> args,
   return orvo_cli::parse_ask_options(args, AskOptions::Command::ask, env);
 }
 
-// One option of each kind: text, choice, count, seconds and flag.
-TEST(options, every_kind_of_option_reaches_its_field) {
-  const AskOptions all = parse({"Why?", "--docs", "d", "--synthesizer", "static-list", "--top-k",
-                                "7", "--timeout", "1.5", "--json"});
-  EXPECT_EQ(all.question, "Why?");
-  EXPECT_EQ(all.docs, "d");
-  EXPECT_EQ(all.synthesizer, AskOptions::Synthesizer::static_list);
-  EXPECT_EQ(all.top_k, 7U);
-  EXPECT_EQ(all.timeout.count(), 1500);
-  EXPECT_TRUE(all.json);
-  EXPECT_EQ(parse({"--docs", "d", "q", "--connect-timeout", "0.0001"}).connect_timeout.count(), 1)
-      << "rounded up, never to zero";
-}
-
-// --name=value, a question after --, and defaults from the environment that options beat;
-// either side may stay offline while the other uses a server.
-TEST(options, the_environment_gives_defaults_that_options_beat) {
+// One option of each kind (text, choice, count, seconds, flag), --name=value, a question after
+// --, and defaults from the environment that options beat; either side may stay offline while the
+// other uses a server.
+TEST(options, options_reach_their_fields_and_beat_the_environment) {
   const auto env = [](const char* name) -> const char* {
     const std::string_view n = name;
     if (n == "ORVO_BASE_URL") return "http://env/v1";
@@ -40,14 +28,17 @@ TEST(options, the_environment_gives_defaults_that_options_beat) {
     return n == "NO_COLOR" ? "1" : nullptr;
   };
   const AskOptions mixed =
-      parse({"--top-k=3", "--docs=d", "--chat-model", "flag-chat", "--", "--what is -x?"}, env);
-  EXPECT_EQ(mixed.top_k, 3U);
-  EXPECT_EQ(mixed.question, "--what is -x?");
-  EXPECT_EQ(mixed.chat_model, "flag-chat");
-  EXPECT_EQ(mixed.embedding_model, "env-embed");
-  EXPECT_FALSE(mixed.color);
-  EXPECT_TRUE(orvo_cli::remote_chat(mixed));
-  EXPECT_EQ(orvo_cli::embedding_endpoint(mixed), "http://env/v1");
+      parse({"--top-k=3", "--docs=d", "--chat-model", "flag-chat", "--synthesizer", "static-list",
+             "--timeout", "1.5", "--json", "--", "--what is -x?"},
+            env);
+  EXPECT_EQ(std::tuple(mixed.question, mixed.docs.string(), mixed.chat_model, mixed.embedding_model,
+                       orvo_cli::embedding_endpoint(mixed)),
+            std::tuple("--what is -x?", "d", "flag-chat", "env-embed", "http://env/v1"));
+  EXPECT_EQ(std::tuple(mixed.top_k, mixed.timeout.count(), mixed.synthesizer, mixed.json,
+                       mixed.color, orvo_cli::remote_chat(mixed)),
+            std::tuple(3U, 1500, AskOptions::Synthesizer::static_list, true, false, true));
+  EXPECT_EQ(parse({"--docs", "d", "q", "--connect-timeout", "0.0001"}).connect_timeout.count(), 1)
+      << "rounded up, never to zero";
 
   const AskOptions embeddings_only = parse({"--docs", "d", "--embedding-url", "http://e/v1", "q"});
   EXPECT_FALSE(orvo_cli::remote_chat(embeddings_only));

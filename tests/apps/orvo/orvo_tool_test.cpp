@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include "orvo_core/json.hpp"
 #include "support/loopback_server.hpp"
 
 namespace {
@@ -23,30 +22,27 @@ struct ToolRun {
   std::string err;
 };
 
-// Each test process keeps its indexes to itself, and removes them when it ends.
-fs::path cache_dir() {
-  return fs::temp_directory_path() / ("orvo_tool_cache_" + std::to_string(getpid()));
-}
-const struct CacheCleanup {
-  ~CacheCleanup() { fs::remove_all(cache_dir()); }
+// Each test process keeps its indexes and outputs to itself, and removes them when it ends.
+const fs::path scratch = fs::temp_directory_path() / ("orvo_tool_" + std::to_string(getpid()));
+const struct Cleanup {
+  ~Cleanup() { fs::remove_all(scratch); }
 } cleanup;
 
-std::string read_and_remove(const fs::path& path) {
+std::string read(const fs::path& path) {
   std::stringstream text;
   text << std::ifstream(path).rdbuf();
-  fs::remove(path);
   return text.str();
 }
 
 // Runs the tool with `args` (already quoted for the shell) and collects both outputs.
 ToolRun run_tool(const std::string& args, const std::string& env = "") {
-  const fs::path out = fs::temp_directory_path() / ("orvo_tool_out_" + std::to_string(getpid()));
-  const fs::path err = fs::temp_directory_path() / ("orvo_tool_err_" + std::to_string(getpid()));
-  const int status =
-      std::system((env + " XDG_CACHE_HOME=" + cache_dir().string() + " " + ORVO_BINARY + " " +
-                   args + " >" + out.string() + " 2>" + err.string())
-                      .c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read_and_remove(out), read_and_remove(err)};
+  fs::create_directories(scratch);
+  const std::string command = env + " XDG_CACHE_HOME=" + scratch.string() + " " + ORVO_BINARY +
+                              " " + args + " >" + (scratch / "out").string() + " 2>" +
+                              (scratch / "err").string();
+  const int status = std::system(command.c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, read(scratch / "out"),
+          read(scratch / "err")};
 }
 
 const std::string kDocs = std::string(ORVO_SOURCE_DIR) + "/examples/docs";
@@ -73,10 +69,11 @@ TEST(orvo_tool, each_command_line_ends_with_its_status_and_output) {
        3,
        {R"({"type": "RESULT", "answered": false, "answer": "I couldn't find an answer in the )"
         R"(documents.", "references": []})"}},
-      {"ask --json --docs /no/such/folder 'q'", 1, {R"({"type": "ERROR", "level": "ERROR")"}},
       {"index --docs " + kDocs, 0, {"Indexed 32 files"}},
       {"ask --docs " + kDocs + " --timeout inf 'q'", 2, {"orvo: --timeout expects seconds"}},
-      {"ask --docs /dev/zero 'q'", 1, {"orvo: error: /dev/zero: not a regular file or folder"}},
+      {"ask --json --docs /dev/zero 'q'",
+       1,
+       {R"({"type": "ERROR", "level": "ERROR")", "/dev/zero: not a regular file or folder"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
@@ -98,21 +95,14 @@ TEST(orvo_tool, answers_online_through_an_openai_compatible_server) {
   orvo_test::LoopbackServer server([&embedded_texts](const orvo_test::RecordedRequest& request) {
     if (request.target == "/v1/embeddings") {
       // Every text gets the same direction: the first chunks are retrieved, and all are cited.
-      const orvo_core::Any body = orvo_core::parse_json(request.body);
-      const std::size_t texts = orvo_core::get(body.as_map(), "input").as_list().size();
-      embedded_texts += texts;
-      std::string reply = R"({"data": [)";
-      for (std::size_t i = 0; i < texts; ++i) {
-        reply += (i != 0 ? ", " : "") + std::string(R"({"index": )") + std::to_string(i) +
-                 R"(, "embedding": [1, 0]})";
-      }
-      return orvo_test::Reply::json(reply + "]}");
+      return orvo_test::embeddings(request, [&embedded_texts](const std::string&) {
+        ++embedded_texts;
+        return "[1, 0]";
+      });
     }
-    return orvo_test::Reply::stream(
-        {"data: {\"choices\": [{\"delta\": {\"content\": \"Because of\"}}]}\n\n",
-         "data: {\"choices\": [{\"delta\": {\"content\": \" the moon.\"}}]}\n\n",
-         "data: [DONE]\n\n"},
-        std::chrono::milliseconds(10));
+    return orvo_test::Reply::stream({orvo_test::chat_delta("Because of"),
+                                     orvo_test::chat_delta(" the moon."), "data: [DONE]\n\n"},
+                                    std::chrono::milliseconds(10));
   });
   const std::string args = "ask --docs " + kDocs + " --top-k 2 --url " + server.url() +
                            "/v1 --api-key-env ORVO_TEST_KEY 'Why tides?'";

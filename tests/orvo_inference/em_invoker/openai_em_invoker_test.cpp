@@ -2,35 +2,22 @@
 
 #include <gtest/gtest.h>
 
-#include "orvo_core/json.hpp"
 #include "support/loopback_server.hpp"
 
 namespace {
 
-using orvo_test::LoopbackServer;
-using orvo_test::Reply;
-
-// Embeds each input text as {its length}, listing the vectors in reverse order.
-Reply reversed_embeddings(const orvo_test::RecordedRequest& request) {
-  const orvo_core::Any request_body = orvo_core::parse_json(request.body);
-  const auto& texts = orvo_core::get(request_body.as_map(), "input").as_list();
-  std::string body = R"({"data": [)";
-  for (std::size_t i = texts.size(); i-- > 0;) {
-    body += R"({"index": )" + std::to_string(i) + R"(, "embedding": [)" +
-            std::to_string(texts[i].as_string().size()) + "]}" + (i != 0 ? ", " : "");
-  }
-  return Reply::json(body + "]}");
-}
-
+// Each text's vector is {its length}; the server lists the vectors in reverse order.
 TEST(openai_em_invoker, batches_and_restores_input_order) {
-  LoopbackServer server(reversed_embeddings);
+  orvo_test::LoopbackServer server([](const orvo_test::RecordedRequest& request) {
+    return orvo_test::embeddings(
+        request, [](const std::string& text) { return "[" + std::to_string(text.size()) + "]"; });
+  });
   orvo_inference::OpenAIEMInvoker invoker("e1", server.url() + "/v1", "", 2);
   const std::vector<std::string_view> texts{"a", "bb", "ccc", "dddd", "eeeee"};
   const auto rows = orvo_core::run_sync(invoker.invoke(texts));
-  ASSERT_EQ(rows.size(), 5U);
-  for (std::size_t i = 0; i < texts.size(); ++i) {
-    EXPECT_EQ(rows[i][0], static_cast<float>(texts[i].size()));
-  }
+  std::vector<float> lengths;
+  for (std::size_t i = 0; i < rows.size(); ++i) lengths.push_back(rows[i][0]);
+  EXPECT_EQ(lengths, (std::vector<float>{1, 2, 3, 4, 5}));
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), 3U);
   EXPECT_EQ(requests[0].target, "/v1/embeddings");

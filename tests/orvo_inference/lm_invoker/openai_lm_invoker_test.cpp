@@ -13,94 +13,91 @@ namespace {
 
 using namespace std::chrono_literals;
 using orvo_core::Any;
+using orvo_inference::PromptRole;
+using orvo_test::chat_delta;
 using orvo_test::LoopbackServer;
 using orvo_test::Reply;
 using Clock = std::chrono::steady_clock;
-
-const std::vector<orvo_inference::ChatMessage> kMessages{
-    {orvo_inference::PromptRole::USER, Any("Why tides?")}};
 
 std::string chat_reply(const std::string& text) {
   return R"({"choices": [{"index": 0, "message": {"role": "assistant", "content": )" +
          orvo_core::to_json(Any(text)) + "}}]}";
 }
 
-std::string delta(const std::string& text) {
-  return "data: {\"choices\": [{\"delta\": {\"content\": " + orvo_core::to_json(Any(text)) +
-         "}, \"finish_reason\": null}]}\n\n";
+// Without an emitter the reply comes whole. The caller's parameters go along, but the call
+// decides whether the reply streams.
+TEST(openai_lm_invoker, a_call_without_an_emitter_asks_for_the_whole_reply) {
+  LoopbackServer server([](const auto&) { return Reply::json(chat_reply("The moon.")); });
+  orvo_inference::OpenAILMInvoker invoker("m1", server.url() + "/v1/", "",
+                                          {{"temperature", 0.0}, {"stream", "overridden"}});
+  const std::vector<orvo_inference::ChatMessage> messages{{PromptRole::SYSTEM, Any("be brief")},
+                                                          {PromptRole::USER, Any("why?")}};
+  EXPECT_EQ(orvo_core::run_sync(invoker.invoke(messages)), "The moon.");
+  const auto request = server.requests().at(0);
+  EXPECT_EQ(request.target + " [" + request.header("Authorization") + "] " + request.body,
+            R"(/v1/chat/completions [] {"temperature": 0.0, "stream": false, "model": "m1", )"
+            R"("messages": [{"role": "system", "content": "be brief"}, )"
+            R"({"role": "user", "content": "why?"}]})");
 }
 
-orvo_inference::OpenAILMInvoker invoker_for(const LoopbackServer& server, std::string key = "") {
-  return {"m1", server.url() + "/v1/", std::move(key), orvo_core::Map{},
-          orvo_inference::http::HttpClient::create({.read_timeout = 2s})};
-}
-
-// Without an emitter the reply comes whole; with one, each delta is emitted as it arrives.
-TEST(openai_lm_invoker, replies_whole_or_streams_each_delta_as_it_arrives) {
-  LoopbackServer server([](const orvo_test::RecordedRequest& request) {
-    if (request.body.find(R"("stream": true)") == std::string::npos) {
-      return Reply::json(chat_reply("The moon."));
-    }
-    return Reply::stream({"data: {\"choices\": [{\"delta\": {\"role\": \"assistant\"}}]}\n\n",
-                          delta("The"), delta(" moon"), delta("."), "data: [DONE]\n\n"},
-                         60ms);
-  });
-  auto with_key = invoker_for(server, "sk-test");
-  EXPECT_EQ(orvo_core::run_sync(with_key.invoke(kMessages)), "The moon.");
-
-  auto keyless = invoker_for(server);
-  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
-  Clock::time_point first_event;
-  emitter->on_emit = [&first_event](const orvo_core::Event&) {
-    if (first_event == Clock::time_point{}) first_event = Clock::now();
-  };
-  EXPECT_EQ(orvo_core::run_sync(keyless.invoke(kMessages, emitter)), "The moon.");
-  EXPECT_GT(Clock::now() - first_event, 100ms) << "tokens came as they arrived";
-  EXPECT_EQ(emitter->values(), (std::vector<std::string>{"The", " moon", "."}));
-  for (const auto& event : emitter->events) EXPECT_EQ(event.type, orvo_core::EventType::RESPONSE);
-
-  const auto requests = server.requests();
-  ASSERT_EQ(requests.size(), 2U);
-  EXPECT_EQ(requests[0].target, "/v1/chat/completions");
-  EXPECT_EQ(requests[0].header("Authorization"), "Bearer sk-test");
-  EXPECT_EQ(requests[1].header("Authorization"), "");
-}
-
-// Even a large one, which arrives in many pieces and is collected rather than scanned as events.
-TEST(openai_lm_invoker, a_server_that_ignores_streaming_still_answers) {
-  const std::string text = "Whole" + std::string(std::size_t{3} << 19, '.');  // 1.5 MB
-  LoopbackServer server([&text](const auto&) { return Reply::json(chat_reply(text)); });
-  auto invoker = invoker_for(server);
-  const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
-  EXPECT_TRUE(orvo_core::run_sync(invoker.invoke(kMessages, emitter)) == text);
-  EXPECT_TRUE(emitter->values() == std::vector<std::string>{text});
-}
-
-// Servers echo the request; their text must not show the key nor drive a terminal either.
-TEST(openai_lm_invoker, failures_have_their_own_errors_and_never_show_the_key) {
+// With an emitter each delta is emitted as it arrives, and a server that ignores streaming still
+// answers: even a large reply, which arrives in many pieces, is collected rather than scanned as
+// events. Servers echo the request; their text must not show the key nor drive a terminal either.
+TEST(openai_lm_invoker, each_reply_ends_in_its_text_or_its_own_error) {
+  const std::string large = "Whole" + std::string(std::size_t{3} << 19, '.');  // 1.5 MB
   const struct {
     Reply reply;
-    std::string error;  // A part of it.
+    std::string result;  // The text, or the start of the error.
+    std::vector<std::string> emitted{};
   } cases[] = {
-      {Reply::json(R"({"error": {"message": "model m1 not found"}})", 404),
+      {Reply::stream({"data: {\"choices\": [{\"delta\": {\"role\": \"assistant\"}}]}\n\n",
+                      chat_delta("The"), chat_delta(" moon"), chat_delta("."),
+                      "data: {\"choices\": [], \"usage\": {}}\n\ndata: [DONE]\n\n"},
+                     60ms),
+       "The moon.",
+       {"The", " moon", "."}},
+      {Reply::json(chat_reply(large)), large, {large}},
+      {Reply::json(R"({"choices": []})"),
+       "MalformedReplyError: the chat reply has no choices[0].message.content"},
+      {Reply::stream({"data: {\"error\": {\"message\": \"overloaded\"}}\n\n"}, 0ms),
+       "HttpStatusError: the server answered HTTP 200: overloaded"},
+      {Reply::json(R"({"error": {"message": "model m1 not found", "type": "x"}})", 404),
        "HttpStatusError: the server answered HTTP 404: model m1 not found"},
+      {Reply::json(R"({"message": "nope"})", 404),
+       "HttpStatusError: the server answered HTTP 404: nope"},
+      {Reply::json("", 404), "HttpStatusError: the server answered HTTP 404"},
       {Reply::json(R"({"error": "bad key Bearer sk-secret \u001b]0;pwned\u0007"})", 401),
        "HttpStatusError: the server answered HTTP 401: bad key Bearer [redacted] "
        "\\x1b]0;pwned\\x07"},
       {Reply::json("", 301, "Location: https://api.example/v1?k=sk-secret\r\n"),
        "HttpStatusError: the server answered HTTP 301 and redirects to "
        "https://api.example/v1?k=[redacted];"},
-      {Reply::stream({delta("Half")}, 0ms, "text/event-stream", false),
-       "TruncatedReplyError: the reply stream ended before the server said it was complete"},
+      {Reply::stream({chat_delta("Half")}, 0ms, "text/event-stream", false),
+       "TruncatedReplyError: the reply stream ended before the server said it was complete",
+       {"Half"}},
   };
+  const std::vector<orvo_inference::ChatMessage> question{{PromptRole::USER, Any("q")}};
   for (const auto& c : cases) {
     LoopbackServer server([&c](const auto&) { return c.reply; });
-    auto invoker = invoker_for(server, "sk-secret");
+    orvo_inference::OpenAILMInvoker invoker("m1", server.url() + "/v1/", "sk-secret");
     const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
+    Clock::time_point first_event;
+    emitter->on_emit = [&first_event](const orvo_core::Event&) {
+      if (first_event == Clock::time_point{}) first_event = Clock::now();
+    };
+    std::string text;
     const std::string error =
-        orvo_test::error_of([&] { (void)orvo_core::run_sync(invoker.invoke(kMessages, emitter)); });
-    EXPECT_NE(error.find(c.error), std::string::npos) << error;
-    EXPECT_EQ(error.find("sk-secret"), std::string::npos) << error;
+        orvo_test::error_of([&] { text = orvo_core::run_sync(invoker.invoke(question, emitter)); });
+    const std::string result = error == "none" ? text : error;
+    SCOPED_TRACE(c.result.substr(0, 80));
+    EXPECT_TRUE(result.starts_with(c.result)) << result.substr(0, 200);
+    EXPECT_EQ(result.find("sk-secret"), std::string::npos) << result;
+    EXPECT_TRUE(emitter->values() == c.emitted);
+    for (const auto& event : emitter->events) EXPECT_EQ(event.type, orvo_core::EventType::RESPONSE);
+    if (c.reply.delay > 0ms) {
+      EXPECT_GT(Clock::now() - first_event, 100ms) << "each as it arrived";
+    }
+    EXPECT_EQ(server.requests().at(0).header("Authorization"), "Bearer sk-secret");
   }
 }
 

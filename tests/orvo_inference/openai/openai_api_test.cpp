@@ -4,53 +4,11 @@
 
 #include <gtest/gtest.h>
 
-#include "orvo_core/json.hpp"
 #include "orvo_inference/errors.hpp"
 
 namespace {
 
 namespace openai = orvo_inference::openai;
-using orvo_core::Any;
-
-TEST(openai_api, chat_request_carries_messages_stream_flag_and_parameters) {
-  orvo_core::Map parameters;
-  parameters.emplace("temperature", 0.0);
-  parameters.emplace("stream", "overridden");
-  const std::vector<orvo_inference::ChatMessage> messages{
-      {orvo_inference::PromptRole::SYSTEM, Any("be brief")},
-      {orvo_inference::PromptRole::USER, Any("why?")}};
-  EXPECT_EQ(openai::chat_request_body("m1", messages, true, parameters),
-            R"({"temperature": 0.0, "stream": true, "model": "m1", "messages": )"
-            R"([{"role": "system", "content": "be brief"}, {"role": "user", "content": "why?"}]})");
-}
-
-TEST(openai_api, chat_replies_and_deltas) {
-  EXPECT_EQ(openai::chat_reply_text(
-                R"({"choices": [{"message": {"role": "assistant", "content": "Hi"}}]})"),
-            "Hi");
-  EXPECT_EQ(openai::chat_delta_text(R"({"choices": [{"delta": {"content": "lo"}}]})"), "lo");
-  EXPECT_EQ(openai::chat_delta_text(R"({"choices": [{"delta": {"role": "assistant"}}]})"), "");
-  EXPECT_EQ(openai::chat_delta_text(R"({"choices": [], "usage": {}})"), "");
-  for (const char* bad :
-       {R"({"choices": []})", R"({"choices": [{"message": {"content": null}}]})"}) {
-    EXPECT_THROW((void)openai::chat_reply_text(bad), orvo_inference::MalformedReplyError) << bad;
-  }
-  EXPECT_THROW((void)openai::chat_delta_text(R"({"error": {"message": "overloaded"}})"),
-               orvo_inference::HttpStatusError);
-}
-
-TEST(openai_api, error_messages_are_the_servers_own) {
-  const struct {
-    const char* body;
-    const char* message;
-  } cases[] = {
-      {R"({"error": {"message": "model not found", "type": "x"}})",
-       "the server answered HTTP 404: model not found"},
-      {R"({"message": "nope"})", "the server answered HTTP 404: nope"},
-      {"", "the server answered HTTP 404"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(openai::error_message(404, c.body), c.message);
-}
 
 TEST(openai_api, embeddings_replies_that_do_not_fit_are_malformed) {
   for (const char* body : {

@@ -56,9 +56,8 @@ TEST(extractive_request_processor, answers_with_what_the_question_asks_for_or_de
 
 TEST(extractive_request_processor, streams_the_answer_word_by_word) {
   ExtractiveRequestProcessor processor(Task::answer, 0.1, 1);
-  auto variables = std::make_shared<orvo_core::Map>();
-  variables->emplace("query", "What do ovens bake?");
-  variables->emplace("context", kContext);
+  const auto variables = std::make_shared<orvo_core::Map>(
+      orvo_core::Map{{"query", "What do ovens bake?"}, {"context", kContext}});
   const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
   const Any answer = orvo_core::run_sync(processor.process(variables, Any(), emitter));
   EXPECT_EQ(answer, Any("Ovens bake bread and cakes."));
