@@ -2,7 +2,6 @@
 """Writes generated values with python3's own str(), repr() and reference-event JSON of them,
 in the format that any_differential_test.cpp reads and describes."""
 
-import collections
 import json
 import math
 import random
@@ -39,20 +38,22 @@ def is_surrogate(cp):
     return 0xD800 <= cp <= 0xDFFF
 
 
-# A host value with its token encoding.
-Value = collections.namedtuple("Value", "py tokens")
-
-
-def string_value(raw):
-    return Value(from_bytes(raw), ["S" + raw.hex()])
-
-
-def float_value(bits):
-    return Value(struct.unpack(">d", bits.to_bytes(8, "big"))[0], [f"D{bits:016x}"])
-
-
 def float_bits(x):
     return int.from_bytes(struct.pack(">d", x), "big")
+
+
+def tagged(value):
+    """The value as JSON can carry it: strings tagged with a leading "s", so that the untagged
+    strings "nan", "inf" and "-inf" can stand for the floats JSON has no numbers for."""
+    if isinstance(value, str):
+        return "s" + value
+    if isinstance(value, float) and not math.isfinite(value):
+        return repr(value)
+    if isinstance(value, list):
+        return [tagged(item) for item in value]
+    if isinstance(value, dict):
+        return {key: tagged(item) for key, item in value.items()}
+    return value
 
 
 class Generator:
@@ -102,9 +103,8 @@ class Generator:
 
     def integer(self):
         rng = self.rng
-        n = rng.choice([rng.choice([0, 2**63 - 1, -2**63]), rng.getrandbits(64) - 2**63,
-                        rng.randint(-1000, 1000)])
-        return Value(n, [f"I{n}"])
+        return rng.choice([rng.choice([0, 2**63 - 1, -2**63]), rng.getrandbits(64) - 2**63,
+                           rng.randint(-1000, 1000)])
 
     def float_(self):
         rng = self.rng
@@ -119,45 +119,36 @@ class Generator:
         else:  # short decimals at every magnitude near the layout boundaries
             mantissa = rng.randint(1, 10**rng.randint(1, 17) - 1)
             bits = float_bits(float(f"{mantissa}e{rng.randint(-25, 20)}"))
-        return float_value(bits)
+        return struct.unpack(">d", bits.to_bytes(8, "big"))[0]
 
     def value(self, depth=0):
         rng = self.rng
         if depth >= 5 or rng.random() >= 0.45 / (depth + 1):
             roll = rng.random()
             if roll < 0.45:
-                return string_value(self.raw_string())
+                return from_bytes(self.raw_string())
             if roll < 0.85:
                 return self.float_() if roll < 0.65 else self.integer()
-            return rng.choice([Value(None, ["N"]), Value(True, ["T"]), Value(False, ["F"])])
+            return rng.choice([None, True, False])
         width = rng.choice([0, 0, 1, 2, 3, 4, 6])
         if rng.random() < 0.5:
-            items = [self.value(depth + 1) for _ in range(width)]
-            return Value([item.py for item in items],
-                         [f"L{width}"] + [t for item in items for t in item.tokens])
-        py, tokens = {}, [f"M{width}"]
-        for _ in range(width):
-            # Assigning an existing key again keeps its place.
-            raw = to_bytes(rng.choice(list(py))) if py and rng.random() < 0.1 else self.raw_string()
-            item = self.value(depth + 1)
-            py[from_bytes(raw)] = item.py
-            tokens += ["S" + raw.hex(), *item.tokens]
-        return Value(py, tokens)
+            return [self.value(depth + 1) for _ in range(width)]
+        return {from_bytes(self.raw_string()): self.value(depth + 1) for _ in range(width)}
 
 
 def special_values():
     """Strings that run the printable table and the invalid-byte handling end to end."""
     every = "".join(chr(cp) for cp in range(MAX_CODE_POINT + 1) if not is_surrogate(cp))
-    yield string_value(to_bytes(every))
+    yield every
     # Each byte 0x80..0xFF alone, so none of them can be part of a valid sequence.
-    yield string_value(b"".join(bytes([b]) + b"." for b in range(0x80, 0x100)))
+    yield from_bytes(b"".join(bytes([b]) + b"." for b in range(0x80, 0x100)))
 
 
 def record(value):
-    text = str(value.py)
+    text = str(value)
     payload = json.dumps({"data_type": "reference", "data_value": text})
-    return "\t".join([" ".join(value.tokens), to_bytes(text).hex(), to_bytes(repr(value.py)).hex(),
-                      to_bytes(payload).hex()]) + "\n"
+    # ASCII only: bytes that are not UTF-8 are the \udc80..\udcff escapes the library reads back.
+    return json.dumps([tagged(value), text, repr(value), payload]) + "\n"
 
 
 def main():
