@@ -53,12 +53,10 @@ std::vector<std::size_t> numbers_after(std::string_view text, char mark) {
   return numbers;
 }
 
-enum Step { kNone, kSynthesizer, kFormatter };  // where a turn fails
-
 struct Turn {
   std::string tag;
   bool judged = false;  // the LM-based formatter instead of the similarity-based one
-  Step fails = kNone;
+  char fails = 0;       // 's': at the synthesizer, 'f': at the formatter
   std::vector<std::size_t> relevant;
   std::shared_ptr<Map> state = std::make_shared<Map>();
   std::shared_ptr<orvo_test::RecordingEmitter> emitter;
@@ -80,7 +78,7 @@ class Soak {
       Turn& turn = turns[id];
       turn.tag = "#" + std::to_string(id);
       turn.judged = upto(3) == 0;
-      turn.fails = upto(19) == 0 ? kSynthesizer : upto(19) == 0 ? kFormatter : kNone;
+      turn.fails = upto(19) == 0 ? 's' : upto(19) == 0 ? 'f' : 0;
       turn.state->emplace("live", Any(std::make_shared<LiveToken>()));
       // A third of the emitters delay every event.
       turn.emitter =
@@ -98,18 +96,18 @@ class Soak {
         turn.chunks.emplace_back(std::make_shared<orvo_core::Chunk>(name, std::move(metadata)));
       }
       // Without chunks a formatter asks no one; otherwise a missing embedding fails the turn.
-      if (turn.chunks.empty() && turn.fails == kFormatter) turn.fails = kNone;
-      if (turn.fails != kFormatter) embedder_->table[answer(turn)] = {x, 1};
+      if (turn.chunks.empty() && turn.fails == 'f') turn.fails = 0;
+      if (turn.fails != 'f') embedder_->table[answer(turn)] = {x, 1};
     }
     writer_->delay = judge_->delay = embedder_->delay = &delay_;
     writer_->stream_words = true;
     writer_->respond = [this](const Map& prompt, std::size_t /*i*/) {
-      const Turn& turn = turn_named(Any(prompt).str(), kSynthesizer);
+      const Turn& turn = turn_named(Any(prompt).str(), 's');
       return Any(answer(turn));
     };
     // A model that names every relevant chunk of the turn, whatever the batch.
     judge_->respond = [this](const Map& prompt, std::size_t /*i*/) {
-      const Turn& turn = turn_named(orvo_core::get(prompt, "context").str(), kFormatter);
+      const Turn& turn = turn_named(orvo_core::get(prompt, "context").str(), 'f');
       List titles;
       for (const std::size_t n : turn.relevant)
         titles.emplace_back(turn.tag + "@" + std::to_string(n));
@@ -150,7 +148,7 @@ class Soak {
   }
 
   // The turn that `text` names first; throws its failure when it fails at `step`.
-  const Turn& turn_named(std::string_view text, Step step) {
+  const Turn& turn_named(std::string_view text, char step) {
     const Turn& turn = turns.at(numbers_after(text, '#').at(0));
     if (turn.fails == step) throw std::runtime_error(turn.tag + " failed");
     return turn;
@@ -182,7 +180,7 @@ void check(std::size_t id, const Turn& turn) {
   // Once, with its own error from the step that failed, or with exactly its relevant chunks,
   // which score alike and so keep their order.
   EXPECT_EQ(turn.ends, 1);
-  EXPECT_EQ(turn.error != nullptr, turn.fails != kNone);
+  EXPECT_EQ(turn.error != nullptr, turn.fails != 0);
   std::string ending = turn.result.str();
   try {
     if (turn.error) std::rethrow_exception(turn.error);
@@ -198,7 +196,7 @@ void check(std::size_t id, const Turn& turn) {
   std::vector<std::string> expected{"STATUS", "a" + turn.tag, " b", " c", "STATUS", "STATUS"};
   if (!turn.relevant.empty()) expected.emplace_back("DATA");
   expected.emplace_back("STATUS");
-  expected.resize(turn.fails == kSynthesizer ? 1 : turn.fails == kFormatter ? 6 : expected.size());
+  expected.resize(turn.fails == 's' ? 1 : turn.fails == 'f' ? 6 : expected.size());
   std::vector<std::string> seen;
   for (const auto& event : turn.emitter->events) {
     EXPECT_TRUE(names_only_this_turn(event.value)) << event.value;
