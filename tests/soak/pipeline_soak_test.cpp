@@ -66,10 +66,10 @@ struct Turn {
   int ends = 0;
 };
 
-class Soak {
- public:
+// The turns, and the components and collaborators they all share.
+struct Soak {
   Soak(std::size_t count, std::uint32_t seed)
-      : turns(count), delay_(seed, std::chrono::milliseconds(5)) {
+      : turns(count), delay(seed, std::chrono::milliseconds(5)) {
     std::mt19937 rng(seed);
     const auto upto = [&rng](std::size_t n) {
       return std::uniform_int_distribution<std::size_t>(0, n)(rng);
@@ -81,8 +81,7 @@ class Soak {
       turn.fails = upto(19) == 0 ? 's' : upto(19) == 0 ? 'f' : 0;
       turn.state->emplace("live", Any(std::make_shared<LiveToken>()));
       // A third of the emitters delay every event.
-      turn.emitter =
-          std::make_shared<orvo_test::RecordingEmitter>(upto(2) == 0 ? &delay_ : nullptr);
+      turn.emitter = std::make_shared<orvo_test::RecordingEmitter>(upto(2) == 0 ? &delay : nullptr);
       // The answer points its turn's own way; relevant chunks lie along it, the others not.
       const float x = static_cast<float>(id % 7) - 3;
       for (std::size_t k = upto(8); k > 0; --k) {
@@ -92,21 +91,20 @@ class Soak {
         // The title and the content both name the chunk.
         const std::string name = turn.tag + "@" + std::to_string(n);
         Map metadata{{"file_name", name}, {"live", Any(std::make_shared<LiveToken>())}};
-        embedder_->table[name] = relevant ? orvo_core::Embedding{x, 1} : orvo_core::Embedding{0, 0};
+        embedder->table[name] = relevant ? orvo_core::Embedding{x, 1} : orvo_core::Embedding{0, 0};
         turn.chunks.emplace_back(std::make_shared<orvo_core::Chunk>(name, std::move(metadata)));
       }
       // Without chunks a formatter asks no one; otherwise a missing embedding fails the turn.
       if (turn.chunks.empty() && turn.fails == 'f') turn.fails = 0;
-      if (turn.fails != 'f') embedder_->table[answer(turn)] = {x, 1};
+      if (turn.fails != 'f') embedder->table[answer(turn)] = {x, 1};
     }
-    writer_->delay = judge_->delay = embedder_->delay = &delay_;
-    writer_->stream_words = true;
-    writer_->respond = [this](const Map& prompt, std::size_t /*i*/) {
-      const Turn& turn = turn_named(Any(prompt).str(), 's');
-      return Any(answer(turn));
+    writer->delay = judge->delay = embedder->delay = &delay;
+    writer->stream_words = true;
+    writer->respond = [this](const Map& prompt, std::size_t /*i*/) {
+      return Any(answer(turn_named(Any(prompt).str(), 's')));
     };
     // A model that names every relevant chunk of the turn, whatever the batch.
-    judge_->respond = [this](const Map& prompt, std::size_t /*i*/) {
+    judge->respond = [this](const Map& prompt, std::size_t /*i*/) {
       const Turn& turn = turn_named(orvo_core::get(prompt, "context").str(), 'f');
       List titles;
       for (const std::size_t n : turn.relevant)
@@ -115,35 +113,18 @@ class Soak {
     };
   }
 
-  void run() {
-    boost::asio::io_context io;
-    for (Turn& turn : turns) {
-      boost::asio::co_spawn(io, run_turn(this, &turn), [this, &turn](std::exception_ptr e, Any r) {
-        turn.error = std::move(e);
-        turn.result = std::move(r);
-        ++turn.ends;
-        --in_flight_;
-      });
-    }
-    io.run();
-  }
-
   static std::string answer(const Turn& turn) { return "a" + turn.tag + " b c"; }
 
-  std::vector<Turn> turns;
-  std::size_t peak_in_flight = 0;
-
- private:
   static orvo_core::Awaitable<Any> run_turn(Soak* soak, Turn* turn) {
-    soak->peak_in_flight = std::max(soak->peak_in_flight, ++soak->in_flight_);
+    soak->peak_in_flight = std::max(soak->peak_in_flight, ++soak->in_flight);
     orvo_core::Kwargs ask{{"query", "q" + turn->tag},
                           {"state_variables", Any(turn->state)},
                           {"event_emitter", Any(turn->emitter)}};
-    Any response = co_await soak->synthesizer_->run(std::move(ask));
+    Any response = co_await soak->synthesizer->run(std::move(ask));
     orvo_core::Kwargs cite{{"response", std::move(response)},
                            {"chunks", turn->chunks},
                            {"event_emitter", Any(turn->emitter)}};
-    const auto& formatter = turn->judged ? soak->judge_formatter_ : soak->similarity_;
+    const auto& formatter = turn->judged ? soak->judge_formatter : soak->similarity;
     co_return co_await formatter->run(std::move(cite));
   }
 
@@ -154,20 +135,21 @@ class Soak {
     return turn;
   }
 
-  orvo_test::RandomDelay delay_;
-  std::size_t in_flight_ = 0;
-  std::shared_ptr<orvo_test::FakeLMRequestProcessor> writer_ =
+  std::vector<Turn> turns;
+  std::size_t in_flight = 0;
+  std::size_t peak_in_flight = 0;
+  orvo_test::RandomDelay delay;
+  std::shared_ptr<orvo_test::FakeLMRequestProcessor> writer =
       std::make_shared<orvo_test::FakeLMRequestProcessor>();
-  std::shared_ptr<orvo_test::FakeLMRequestProcessor> judge_ =
+  std::shared_ptr<orvo_test::FakeLMRequestProcessor> judge =
       std::make_shared<orvo_test::FakeLMRequestProcessor>();
-  std::shared_ptr<orvo_test::FakeEMInvoker> embedder_ =
-      std::make_shared<orvo_test::FakeEMInvoker>();
-  std::shared_ptr<orvo_core::Component> synthesizer_ =
-      std::make_shared<orvo_generation::response_synthesizer::StuffResponseSynthesizer>(writer_);
-  std::shared_ptr<orvo_core::Component> similarity_ =
-      std::make_shared<rf::SimilarityBasedReferenceFormatter>(embedder_);
-  std::shared_ptr<orvo_core::Component> judge_formatter_ =
-      std::make_shared<rf::LMBasedReferenceFormatter>(judge_, Any(3));
+  std::shared_ptr<orvo_test::FakeEMInvoker> embedder = std::make_shared<orvo_test::FakeEMInvoker>();
+  std::shared_ptr<orvo_core::Component> synthesizer =
+      std::make_shared<orvo_generation::response_synthesizer::StuffResponseSynthesizer>(writer);
+  std::shared_ptr<orvo_core::Component> similarity =
+      std::make_shared<rf::SimilarityBasedReferenceFormatter>(embedder);
+  std::shared_ptr<orvo_core::Component> judge_formatter =
+      std::make_shared<rf::LMBasedReferenceFormatter>(judge, Any(3));
 };
 
 // Checks one turn.
@@ -235,7 +217,17 @@ std::int64_t heap_slack() {
 void soak(std::size_t count, std::uint32_t seed) {
   {
     Soak soak(count, seed);
-    soak.run();
+    boost::asio::io_context io;
+    for (Turn& turn : soak.turns) {
+      boost::asio::co_spawn(io, Soak::run_turn(&soak, &turn),
+                            [&soak, &turn](std::exception_ptr e, Any r) {
+                              turn.error = std::move(e);
+                              turn.result = std::move(r);
+                              ++turn.ends;
+                              --soak.in_flight;
+                            });
+    }
+    io.run();
     // The first turn with a problem tells enough.
     for (std::size_t id = 0; id < count && !::testing::Test::HasFailure(); ++id) {
       check(id, soak.turns[id]);
