@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -206,14 +205,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (const auto& [key, value] : kwargs) context += " " + escaped(key) + "=" + value.type_name();
 
   // The stuff synthesizer writes a non-empty query into a non-empty state map of the caller's;
-  // that entry is put back before the caller's values are compared.
+  // it is written there first, so that all the caller's values must come back unchanged.
   const Any* state_entry = orvo_core::find(kwargs, "state_variables");
   const Any state = state_entry != nullptr ? *state_entry : orvo_core::get(kwargs, "variables");
-  const bool writes_query = setup.kind == Kind::Stuff && state.is_map() && state.truthy() &&
-                            orvo_core::get(kwargs, "query").truthy();
-  std::optional<Any> old_query;
-  if (const Any* q = writes_query ? orvo_core::find(state.as_map(), "query") : nullptr)
-    old_query = *q;
+  const Any query = orvo_core::get(kwargs, "query");
+  if (setup.kind == Kind::Stuff && state.is_map() && state.truthy() && query.truthy())
+    state.as_map().insert_or_assign("query", query);
   const std::string before = Any(kwargs).repr();
 
   Any result;
@@ -225,8 +222,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     error = error_kind(e);
     ORVO_FUZZ_CHECK(!error.empty(), context + " " + e.what());
   }
-  if (writes_query && old_query) state.as_map().insert_or_assign("query", *old_query);
-  if (writes_query && !old_query) state.as_map().erase("query");
   ORVO_FUZZ_CHECK(Any(kwargs).repr() == before, context + " [" + error + "]");
 
   // Events: only the invocation's emitter gets any, none after an error from `_run` and none

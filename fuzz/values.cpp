@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdint>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -100,12 +101,10 @@ std::optional<bool> compare(const Any& a, const Any& b) {
 std::vector<std::string> events(std::string_view body, std::optional<std::uint32_t> seed) {
   std::vector<std::string> out;
   openai::EventStreamParser parser;
-  std::uint32_t x = seed.value_or(1) | 1;  // xorshift: never stuck at zero
+  std::minstd_rand cut(seed.value_or(1));
   for (std::size_t i = 0; i < body.size();) {
-    x ^= x << 13;
-    x ^= x >> 17;
-    x ^= x << 5;
     // Mostly short pieces, now and then a long one.
+    const std::size_t x = cut();
     const std::size_t n =
         seed ? std::min<std::size_t>(x % 8 == 0 ? x % 64 : x % 4, body.size() - i) : body.size();
     parser.feed(body.substr(i, n), out);

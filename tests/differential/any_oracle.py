@@ -2,7 +2,6 @@
 """Writes generated values with python3's own str(), repr() and reference-event JSON of them,
 in the format that any_differential_test.cpp reads and describes."""
 
-import collections
 import json
 import math
 import random
@@ -21,12 +20,6 @@ FLOATS = [0.0, -0.0, 1e16, 1e-5, 123456789012345678.0, 9999999999999998.0, 1e22,
           math.inf, -math.inf, math.nan, 0.00009999999999999999, 100.0]
 
 
-def check_environment():
-    # The printable table on the other side is tied to this.
-    if unicodedata.unidata_version != "14.0.0":
-        sys.exit(f"any_oracle.py: needs Unicode 14.0.0 (Python 3.11), not {sys.version}")
-
-
 def to_bytes(s):
     return s.encode("utf-8", "surrogateescape")
 
@@ -39,133 +32,128 @@ def is_surrogate(cp):
     return 0xD800 <= cp <= 0xDFFF
 
 
-# A host value with its token encoding.
-Value = collections.namedtuple("Value", "py tokens")
-
-
-def string_value(raw):
-    return Value(from_bytes(raw), ["S" + raw.hex()])
-
-
-def float_value(bits):
-    return Value(struct.unpack(">d", bits.to_bytes(8, "big"))[0], [f"D{bits:016x}"])
-
-
 def float_bits(x):
     return int.from_bytes(struct.pack(">d", x), "big")
 
 
-class Generator:
-    def __init__(self, seed):
-        self.rng = random.Random(seed)
+def tagged(value):
+    """The value as JSON can carry it: strings tagged with a leading "s", so that the untagged
+    strings "nan", "inf" and "-inf" can stand for the floats JSON has no numbers for."""
+    if isinstance(value, str):
+        return "s" + value
+    if isinstance(value, float) and not math.isfinite(value):
+        return repr(value)
+    if isinstance(value, list):
+        return [tagged(item) for item in value]
+    if isinstance(value, dict):
+        return {key: tagged(item) for key, item in value.items()}
+    return value
 
-    def code_point(self):
-        """Any code point but a surrogate, half of them in the BMP."""
-        while True:
-            cp = self.rng.randint(0x80, self.rng.choice([0xFFFF, MAX_CODE_POINT]))
-            if not is_surrogate(cp):
-                return chr(cp)
 
-    def piece(self):
-        """Bytes of one short run of text of a randomly chosen flavour."""
-        rng = self.rng
-        count = rng.randint(1, 4)
-        flavours = [
-            # Plain ASCII; quotes and backslashes, which decide the quote character.
-            lambda: bytes(rng.randint(0x20, 0x7E) for _ in range(count * 2)),
-            lambda: bytes(rng.choice(b"'\"\\ab ") for _ in range(count)),
-            # C0 and C1 controls, DEL and the rest of Latin-1.
-            lambda: to_bytes(chr(rng.choice([*range(0x20), *range(0x7F, 0x100)]))),
-            # Each code point's own forms are pinned by the string of all of them (special_values);
-            # here they meet ASCII, controls and invalid bytes.
-            lambda: to_bytes("".join(self.code_point() for _ in range(count))),
-            self.cut_short,
-            lambda: rng.choice(INVALID),
-            # A lead byte followed by something that is not a continuation, and any bytes.
-            lambda: bytes([rng.randint(0xC2, 0xF4), rng.choice(b"A'\"\xc3\xf0")]),
-            lambda: bytes(rng.getrandbits(8) for _ in range(count * 3)),
-        ]
-        return rng.choice(flavours)()
+# Seeded in main.
+rng = random.Random()
 
-    def cut_short(self):
-        full = to_bytes(chr(self.rng.choice([0xE9, 0x20AC, 0xFEFF, 0x1F600, 0x10FFFF])))
-        return full[:self.rng.randint(1, len(full) - 1)]
 
-    def raw_string(self):
-        rng = self.rng
+def code_point():
+    """Any code point but a surrogate, half of them in the BMP."""
+    while True:
+        cp = rng.randint(0x80, rng.choice([0xFFFF, MAX_CODE_POINT]))
+        if not is_surrogate(cp):
+            return chr(cp)
+
+
+def piece():
+    """Bytes of one short run of text of a randomly chosen flavour."""
+    count = rng.randint(1, 4)
+    flavours = [
+        # Plain ASCII; quotes and backslashes, which decide the quote character.
+        lambda: bytes(rng.randint(0x20, 0x7E) for _ in range(count * 2)),
+        lambda: bytes(rng.choice(b"'\"\\ab ") for _ in range(count)),
+        # C0 and C1 controls, DEL and the rest of Latin-1.
+        lambda: to_bytes(chr(rng.choice([*range(0x20), *range(0x7F, 0x100)]))),
+        # Each code point's own forms are pinned by the string of all of them (special_values);
+        # here they meet ASCII, controls and invalid bytes.
+        lambda: to_bytes("".join(code_point() for _ in range(count))),
+        cut_short,
+        lambda: rng.choice(INVALID),
+        # A lead byte followed by something that is not a continuation, and any bytes.
+        lambda: bytes([rng.randint(0xC2, 0xF4), rng.choice(b"A'\"\xc3\xf0")]),
+        lambda: bytes(rng.getrandbits(8) for _ in range(count * 3)),
+    ]
+    return rng.choice(flavours)()
+
+
+def cut_short():
+    full = to_bytes(chr(rng.choice([0xE9, 0x20AC, 0xFEFF, 0x1F600, 0x10FFFF])))
+    return full[:rng.randint(1, len(full) - 1)]
+
+
+def raw_string():
+    roll = rng.random()
+    if roll < 0.05:
+        return b""
+    if roll < 0.15:  # one quote character alone, or both
+        return rng.choice([b"'", b'"', b"'\"", b"\\", b"it's", b'say "hi"', b"'\"'"])
+    return b"".join(piece() for _ in range(rng.randint(1, 6)))
+
+
+def integer():
+    return rng.choice([rng.choice([0, 2**63 - 1, -2**63]), rng.getrandbits(64) - 2**63,
+                       rng.randint(-1000, 1000)])
+
+
+def float_():
+    roll = rng.randrange(4)
+    if roll == 0:  # any bit pattern: NaN payloads, subnormals, huge and tiny exponents
+        bits = rng.getrandbits(64)
+    elif roll == 1:  # neighbours of the switch points between plain and scientific layout
+        base = rng.choice([1e-4, 1e-5, 1e16, 1e15, 1e17, 1.0, 10.0, 0.001])
+        bits = (float_bits(base) + rng.randint(-3, 3)) | (rng.getrandbits(1) << 63)
+    elif roll == 2:
+        bits = float_bits(rng.choice(FLOATS))
+    else:  # short decimals at every magnitude near the layout boundaries
+        mantissa = rng.randint(1, 10**rng.randint(1, 17) - 1)
+        bits = float_bits(float(f"{mantissa}e{rng.randint(-25, 20)}"))
+    return struct.unpack(">d", bits.to_bytes(8, "big"))[0]
+
+
+def value(depth=0):
+    if depth >= 5 or rng.random() >= 0.45 / (depth + 1):
         roll = rng.random()
-        if roll < 0.05:
-            return b""
-        if roll < 0.15:  # one quote character alone, or both
-            return rng.choice([b"'", b'"', b"'\"", b"\\", b"it's", b'say "hi"', b"'\"'"])
-        return b"".join(self.piece() for _ in range(rng.randint(1, 6)))
-
-    def integer(self):
-        rng = self.rng
-        n = rng.choice([rng.choice([0, 2**63 - 1, -2**63]), rng.getrandbits(64) - 2**63,
-                        rng.randint(-1000, 1000)])
-        return Value(n, [f"I{n}"])
-
-    def float_(self):
-        rng = self.rng
-        roll = rng.randrange(4)
-        if roll == 0:  # any bit pattern: NaN payloads, subnormals, huge and tiny exponents
-            bits = rng.getrandbits(64)
-        elif roll == 1:  # neighbours of the switch points between plain and scientific layout
-            base = rng.choice([1e-4, 1e-5, 1e16, 1e15, 1e17, 1.0, 10.0, 0.001])
-            bits = (float_bits(base) + rng.randint(-3, 3)) | (rng.getrandbits(1) << 63)
-        elif roll == 2:
-            bits = float_bits(rng.choice(FLOATS))
-        else:  # short decimals at every magnitude near the layout boundaries
-            mantissa = rng.randint(1, 10**rng.randint(1, 17) - 1)
-            bits = float_bits(float(f"{mantissa}e{rng.randint(-25, 20)}"))
-        return float_value(bits)
-
-    def value(self, depth=0):
-        rng = self.rng
-        if depth >= 5 or rng.random() >= 0.45 / (depth + 1):
-            roll = rng.random()
-            if roll < 0.45:
-                return string_value(self.raw_string())
-            if roll < 0.85:
-                return self.float_() if roll < 0.65 else self.integer()
-            return rng.choice([Value(None, ["N"]), Value(True, ["T"]), Value(False, ["F"])])
-        width = rng.choice([0, 0, 1, 2, 3, 4, 6])
-        if rng.random() < 0.5:
-            items = [self.value(depth + 1) for _ in range(width)]
-            return Value([item.py for item in items],
-                         [f"L{width}"] + [t for item in items for t in item.tokens])
-        py, tokens = {}, [f"M{width}"]
-        for _ in range(width):
-            # Assigning an existing key again keeps its place.
-            raw = to_bytes(rng.choice(list(py))) if py and rng.random() < 0.1 else self.raw_string()
-            item = self.value(depth + 1)
-            py[from_bytes(raw)] = item.py
-            tokens += ["S" + raw.hex(), *item.tokens]
-        return Value(py, tokens)
+        if roll < 0.45:
+            return from_bytes(raw_string())
+        if roll < 0.85:
+            return float_() if roll < 0.65 else integer()
+        return rng.choice([None, True, False])
+    width = rng.choice([0, 0, 1, 2, 3, 4, 6])
+    if rng.random() < 0.5:
+        return [value(depth + 1) for _ in range(width)]
+    return {from_bytes(raw_string()): value(depth + 1) for _ in range(width)}
 
 
 def special_values():
     """Strings that run the printable table and the invalid-byte handling end to end."""
     every = "".join(chr(cp) for cp in range(MAX_CODE_POINT + 1) if not is_surrogate(cp))
-    yield string_value(to_bytes(every))
+    yield every
     # Each byte 0x80..0xFF alone, so none of them can be part of a valid sequence.
-    yield string_value(b"".join(bytes([b]) + b"." for b in range(0x80, 0x100)))
+    yield from_bytes(b"".join(bytes([b]) + b"." for b in range(0x80, 0x100)))
 
 
 def record(value):
-    text = str(value.py)
+    text = str(value)
     payload = json.dumps({"data_type": "reference", "data_value": text})
-    return "\t".join([" ".join(value.tokens), to_bytes(text).hex(), to_bytes(repr(value.py)).hex(),
-                      to_bytes(payload).hex()]) + "\n"
+    # ASCII only: bytes that are not UTF-8 are the \udc80..\udcff escapes the library reads back.
+    return json.dumps([tagged(value), text, repr(value), payload]) + "\n"
 
 
 def main():
     seed, count = map(int, sys.argv[1:])  # the random values to write after the special ones
-    check_environment()
-    generator = Generator(seed)
-    values = [*special_values(), *(generator.value() for _ in range(count))]
-    sys.stdout.writelines(record(value) for value in values)
+    # The printable table on the other side is tied to this.
+    if unicodedata.unidata_version != "14.0.0":
+        sys.exit(f"any_oracle.py: needs Unicode 14.0.0 (Python 3.11), not {sys.version}")
+    rng.seed(seed)
+    values = [*special_values(), *(value() for _ in range(count))]
+    sys.stdout.writelines(record(item) for item in values)
     sys.stdout.write(f"END {len(values)}\n")
 
 

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
-#include <optional>
 #include <random>
 #include <string>
 
@@ -18,17 +17,13 @@ namespace {
 
 using orvo_core::Any;
 
+// Values in document order are the differential test's, which reads python3's JSON of each value.
 TEST(json, parses_into_values_in_document_order) {
-  const Any value = orvo_core::parse_json(
-      R"({"b": [1, 2.5, true, null, "x\u00e9"], "a": {"n": -3}, "big": 18446744073709551615})");
-  EXPECT_EQ(
-      value.str(),
-      "{'b': [1, 2.5, True, None, 'x\xc3\xa9'], 'a': {'n': -3}, 'big': 1.8446744073709552e+19}");
-  EXPECT_TRUE(value.as_map().begin()->second.as_list()[0].is_int());
   EXPECT_EQ(orvo_core::parse_json(R"({"a": 1, "b": 2, "a": [3]})").str(), "{'a': [3], 'b': 2}");
 }
 
-// The offset is the original text's, also after escapes of bytes earlier on.
+// The offset is the original text's, also after escapes of bytes earlier on. Lone surrogates
+// that no byte stands for have no form in UTF-8.
 TEST(json, malformed_text_is_a_value_error_with_an_excerpt) {
   const struct {
     std::string text;
@@ -37,6 +32,12 @@ TEST(json, malformed_text_is_a_value_error_with_an_excerpt) {
       {R"({"answer": oops})", R"(at offset 11): '{"answer": oops}')"},
       {R"(["\udc80\udcff", "\udc80", oops])", "at offset 27"},
       {"[1] 2", "at offset 4"},
+      {R"("\udc7f")", ""},
+      {R"("\udd80")", ""},
+      {R"("\ud800")", ""},
+      {R"("\ud800\u0041")", ""},
+      {R"("\udc8g")", ""},
+      {R"(["x", \udc80])", ""},  // outside a string
   };
   for (const auto& c : cases) {
     EXPECT_THROW_MSG(orvo_core::parse_json(c.text), orvo_core::ValueError, c.fragment);
@@ -52,42 +53,23 @@ TEST(json, nesting_up_to_the_limit_parses_and_writes_back) {
   EXPECT_THROW((void)orvo_core::parse_json(nested(1001)), orvo_core::ValueError);
 }
 
-// The writer spells each byte that is not UTF-8 as \udc80..\udcff; reading maps it back.
+// The writer spells each byte that is not UTF-8 as \udc80..\udcff, and reading maps it back; the
+// differential test reads every byte and code point so, in keys and values. Here the escapes
+// that python3 never writes.
 TEST(json, lone_surrogate_escapes_of_bytes_read_back_as_those_bytes) {
   const struct {
     const char* json;
-    std::optional<std::string> value;  // none: a ValueError
+    std::string value;
   } cases[] = {
-      {R"("\udcff")", "\xff"},
-      {R"("a\udce9b\udc80")",
-       "a\xe9"
-       "b\x80"},
       {R"("\udcc3\udca9")", "\xc3\xa9"},  // bytes that happen to spell U+00E9
       {R"("\\udc80")", "\\udc80"},        // an escaped backslash, then plain text
       {"\"\xff\xc3\"", "\xff\xc3"},       // raw bytes pass through
-      {R"("\ud83d\ude00")", "\xf0\x9f\x98\x80"},
-      {R"("\ud800\udc80")", "\xf0\x90\x82\x80"},  // a pair, even with a low half in that range
-      // Lone surrogates that no byte stands for have no form in UTF-8.
-      {R"("\udc7f")", std::nullopt},
-      {R"("\udd80")", std::nullopt},
-      {R"("\ud800")", std::nullopt},
-      {R"("\ud800\u0041")", std::nullopt},
-      {R"("\udc8g")", std::nullopt},
-      {R"(["x", \udc80])", std::nullopt},  // outside a string
   };
-  for (const auto& c : cases) {
-    if (c.value) {
-      EXPECT_EQ(orvo_core::parse_json(c.json), Any(*c.value)) << c.json;
-      orvo_core::Map map;
-      map.emplace(*c.value, orvo_core::List{Any(*c.value)});
-      const std::string in_map = std::string("{") + c.json + ": [" + c.json + "]}";
-      EXPECT_EQ(orvo_core::parse_json(in_map), Any(map)) << in_map;
-    } else {
-      EXPECT_THROW((void)orvo_core::parse_json(c.json), orvo_core::ValueError) << c.json;
-    }
-  }
+  for (const auto& c : cases) EXPECT_EQ(orvo_core::parse_json(c.json), Any(c.value)) << c.json;
 }
 
+// The shortest forms python3 writes (extremes, signed zero and int64 bounds included) are the
+// differential test's; here the forms it never writes.
 TEST(json, numbers_read_as_the_nearest_double) {
   constexpr double kInf = std::numeric_limits<double>::infinity();
   const struct {
@@ -96,13 +78,9 @@ TEST(json, numbers_read_as_the_nearest_double) {
   } cases[] = {
       // Seventeen digits where a faster reader lands one unit in the last place off.
       {"933907.1683960299", 933907.1683960299},
-      {"-0.0", -0.0},
-      {"5e-324", 5e-324},
       {"2.4703282292062328e-324", 5e-324},
-      {"1.7976931348623157e+308", 1.7976931348623157e+308},
       // Beyond the doubles: infinity or a signed zero.
       {"1.7976931348623159e308", kInf},
-      {"1e-400", 0.0},
       {"2.4703282292062327e-324", 0.0},
       // Integers beyond 64 bits.
       {"9223372036854775808", 9223372036854775808.0},
@@ -115,7 +93,6 @@ TEST(json, numbers_read_as_the_nearest_double) {
               std::bit_cast<std::uint64_t>(c.value))
         << c.json;
   }
-  EXPECT_EQ(orvo_core::parse_json("-9223372036854775808"), Any(INT64_MIN));
   EXPECT_TRUE(orvo_core::parse_json("-0").is_int());
 }
 

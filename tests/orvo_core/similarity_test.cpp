@@ -57,12 +57,8 @@ TEST(similarity, every_compiled_simd_target_matches_a_double_reference) {
         EXPECT_NEAR(scores[r], reference_cosine(query, batch[r]), 1e-12)
             << hwy::TargetName(target) << " dim " << dim << " row " << r;
       }
-      if (dim > 0) {
-        EXPECT_NEAR(scores[3], 1.0, 1e-12);
-        EXPECT_NEAR(scores[4], -1.0, 1e-12);
-        // A zero vector, on either side, is similar to nothing.
-        EXPECT_EQ(orvo_core::cosine(std::vector<float>(dim), batch), std::vector<double>(rows));
-      }
+      // A zero vector, on either side, is similar to nothing.
+      EXPECT_EQ(orvo_core::cosine(std::vector<float>(dim), batch), std::vector<double>(rows));
     }
   }
   hwy::SetSupportedTargetsForTest(0);

@@ -20,9 +20,6 @@ class RecordingEmitter(EventEmitter):
         self.events.append((value, level, type))
         self.threads.add(threading.get_ident())
 
-    def values(self):
-        return [value for value, _, _ in self.events]
-
 
 class DuckEmitter:
     """Any object with `async def emit` serves."""
@@ -39,10 +36,8 @@ class TableInvoker:
 
     def __init__(self, table):
         self.table = table
-        self.calls = []
 
     async def invoke(self, text):
-        self.calls.append(text)
         return [1.0, 0.0] if isinstance(text, str) else [self.table[t] for t in text]
 
 

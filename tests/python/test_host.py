@@ -21,6 +21,7 @@ from orvo_generation.reference_formatter import SimilarityBasedReferenceFormatte
 from orvo_generation.reference_formatter.reference_formatter import DEFAULT_FORMAT_CHUNK_METADATA_MAP
 from orvo_generation.response_synthesizer import StaticListResponseSynthesizer, StuffResponseSynthesizer
 from orvo_inference.em_invoker import OpenAIEMInvoker
+from orvo_inference.schema import PromptRole
 from support import DuckEmitter, RecordingEmitter, RecordingProcessor, TableInvoker, serve
 
 try:
@@ -217,13 +218,21 @@ class HostRulesTest(unittest.IsolatedAsyncioTestCase):
         chunk.metadata["file_url"] = "b"
         self.assertEqual(await formatter._run(response="r", chunks=[chunk]), "References:\n1. [A](b)")
 
-    async def test_arguments_nobody_reads_are_never_converted(self):
-        processor = RecordingProcessor()
-        odd = {"big": 10 ** 30, "keys": {1: 2}}
-        state = {"context": "c", **odd}
-        await StuffResponseSynthesizer(processor)._run(query="q", state_variables=state, **odd)
-        self.assertIs(processor.calls[0][0], state)
-        self.assertIs(processor.calls[0][0]["keys"], odd["keys"])
+    async def test_callers_objects_pass_through_and_nothing_unread_is_converted(self):
+        answer, odd = {"not": "a string"}, {"big": 10 ** 30, "keys": {1: 2}}
+        processor, emitter = RecordingProcessor(answer), DuckEmitter()
+        state, history = {"context": "c", "query": "old", **odd}, [(PromptRole.USER, "hi")]
+        contents = ["https://example.org/a.png"]
+        result = await StuffResponseSynthesizer(processor)._run(
+            query="new", state_variables=state, history=history, event_emitter=emitter,
+            user_multimodal_contents=contents, **odd)
+        self.assertIs(result, answer)
+        self.assertEqual(state, {"context": "c", "query": "new", **odd})
+        prompt, args, kwargs = processor.calls[0]
+        self.assertEqual([prompt is state, prompt["keys"] is odd["keys"], args[0] is history,
+                          kwargs["user_multimodal_contents"] is contents], [True] * 4)
+        self.assertEqual(kwargs, dict(event_emitter=emitter, system_multimodal_contents=None,
+                                      user_multimodal_contents=contents))
         formatter = SimilarityBasedReferenceFormatter(TableInvoker({}))
         self.assertEqual(await formatter._run(response="r", chunks=[], **odd), "")
 
@@ -243,7 +252,6 @@ class LeakTest(unittest.TestCase):
                     *[formatter._run(response="r", chunks=chunks, event_emitter=emitter) for _ in range(100)],
                     *[synthesizer._run(query="q", state_variables=state) for _ in range(100)])
                 processor.calls.clear()
-                invoker.calls.clear()
 
         def resident_kib():
             with open("/proc/self/statm") as statm:

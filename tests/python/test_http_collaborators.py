@@ -43,7 +43,7 @@ class OpenAILMInvokerTest(unittest.IsolatedAsyncioTestCase):
                              event_emitter=emitters[i]) for i in range(20)])
         self.assertEqual(answers, ["q%d is answered here" % i for i in range(20)])
         for i, emitter in enumerate(emitters):
-            self.assertEqual(emitter.values(), ["q%d" % i, " is", " answered", " here"])
+            self.assertEqual([value for value, _, _ in emitter.events], ["q%d" % i, " is", " answered", " here"])
             self.assertEqual(emitter.threads, {threading.get_ident()})
         request = server.requests[0][2]
         self.assertEqual([(m["role"], m["content"]) for m in request["messages"][:4]],
