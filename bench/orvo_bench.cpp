@@ -40,9 +40,9 @@
 #include "orvo_generation/reference_formatter/lm_based_reference_formatter.hpp"
 #include "orvo_generation/reference_formatter/reference_formatter.hpp"
 #include "orvo_generation/reference_formatter/similarity_based_reference_formatter.hpp"
+#include "orvo_inference/em_invoker/em_invoker.hpp"
 #include "orvo_inference/request_processor/lm_request_processor.hpp"
 #include "support/chunks.hpp"
-#include "support/fake_em_invoker.hpp"
 #include "support/recording_emitter.hpp"
 
 namespace orvo_bench {
@@ -54,6 +54,26 @@ std::string_view sum_floats_target();
 namespace {
 
 namespace rf = orvo_generation::reference_formatter;
+
+// Hands over precomputed embeddings without copying them, whatever the texts.
+class PrecomputedEMInvoker : public orvo_inference::BaseEMInvoker {
+ public:
+  PrecomputedEMInvoker(orvo_core::Embedding query, orvo_core::Embeddings rows)
+      : query_(std::move(query)), rows_(std::move(rows)) {}
+
+  orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string /*text*/) override {
+    co_return query_;
+  }
+  orvo_core::Awaitable<orvo_core::Embeddings> invoke(
+      std::vector<std::string_view> /*texts*/) override {
+    co_return rows_;
+  }
+
+ private:
+  orvo_core::Embedding query_;
+  orvo_core::Embeddings rows_;
+};
+
 using orvo_core::Any;
 
 // ---------------------------------------------------------------------------------------------
@@ -246,9 +266,9 @@ template <class Formatter = rf::SimilarityBasedReferenceFormatter>
 struct SimilarityRig {
   explicit SimilarityRig(const Dataset& data)
       : emitter(std::make_shared<orvo_test::RecordingEmitter>()),
-        formatter(std::make_shared<Formatter>(std::make_shared<orvo_test::PrecomputedEMInvoker>(
-                                                  data.vectors.query, data.vectors.rows),
-                                              kThreshold, /*stringify=*/true)) {
+        formatter(std::make_shared<Formatter>(
+            std::make_shared<PrecomputedEMInvoker>(data.vectors.query, data.vectors.rows),
+            kThreshold, /*stringify=*/true)) {
     kwargs.emplace("response", kResponse);
     kwargs.emplace("chunks", data.chunk_list);
     kwargs.emplace("event_emitter", emitter);
@@ -390,8 +410,9 @@ void BM_LMGetRelevantChunks(benchmark::State& state) {
   const rf::Chunks input = chunk_vector(arg(state, 0));
   const auto formatter = make_lm_formatter(input);
   Loop loop;
-  const std::size_t expected = (input.size() + static_cast<std::size_t>(rf::DEFAULT_BATCH_SIZE) -
-                                1) / static_cast<std::size_t>(rf::DEFAULT_BATCH_SIZE);
+  const std::size_t expected =
+      (input.size() + static_cast<std::size_t>(rf::DEFAULT_BATCH_SIZE) - 1) /
+      static_cast<std::size_t>(rf::DEFAULT_BATCH_SIZE);
   if (loop.run(formatter->_get_relevant_chunks(kResponse, input)).size() != expected) {
     state.SkipWithError("the formatter did not keep one chunk per batch");
     return;
@@ -514,7 +535,9 @@ BENCHMARK(BM_Cosine)->Apply(cache_resident)->Unit(benchmark::kNanosecond);
 BENCHMARK(BM_ReadBound)->Apply(cache_resident)->Unit(benchmark::kNanosecond);
 BENCHMARK(BM_SimilarityRun)->Apply(all_sizes)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ReadBound)->Apply(all_sizes)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_SimilarityRunSync)->ArgNames({"N", "D"})->Args({100, 384})
+BENCHMARK(BM_SimilarityRunSync)
+    ->ArgNames({"N", "D"})
+    ->Args({100, 384})
     ->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_LMFormatBatchContext)->ArgName("N")->Arg(1000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_LMGetRelevantChunks)->ArgName("N")->Arg(1000)->Unit(benchmark::kMicrosecond);
@@ -567,9 +590,9 @@ class SummaryReporter : public benchmark::ConsoleReporter {
         const Sample* read = find("BM_ReadBound/" + args);
         const Sample* cosine = find("BM_Cosine/" + args);
         if (run == nullptr || read == nullptr) continue;
-        out << std::setw(8) << n << std::setw(6) << d << std::setw(14) << us(run)
-            << std::setw(17) << us(read) << std::setw(8) << run->seconds / read->seconds << 'x'
-            << std::setw(11) << read->bytes_per_second / 1e9;
+        out << std::setw(8) << n << std::setw(6) << d << std::setw(14) << us(run) << std::setw(17)
+            << us(read) << std::setw(8) << run->seconds / read->seconds << 'x' << std::setw(11)
+            << read->bytes_per_second / 1e9;
         if (cosine != nullptr) {
           out << std::setw(13) << us(cosine) << std::setw(12) << cosine->seconds / read->seconds
               << 'x';
@@ -638,11 +661,10 @@ class SummaryReporter : public benchmark::ConsoleReporter {
     return it != samples_.end() ? &it->second : nullptr;
   }
 
-  static void target(std::ostream& out, const std::string& what, double value,
-                     const char* unit, bool met) {
-    out << "  " << std::left << std::setw(56) << what << std::right << std::setw(10) << value
-        << ' ' << std::left << std::setw(5) << unit << std::right << (met ? "met" : "MISSED")
-        << '\n';
+  static void target(std::ostream& out, const std::string& what, double value, const char* unit,
+                     bool met) {
+    out << "  " << std::left << std::setw(56) << what << std::right << std::setw(10) << value << ' '
+        << std::left << std::setw(5) << unit << std::right << (met ? "met" : "MISSED") << '\n';
   }
 
   std::map<std::string, Sample> samples_;

@@ -53,23 +53,4 @@ class FakeEMInvoker : public orvo_inference::BaseEMInvoker {
   }
 };
 
-/// Hands over precomputed embeddings without copying them, whatever the texts.
-class PrecomputedEMInvoker : public orvo_inference::BaseEMInvoker {
- public:
-  PrecomputedEMInvoker(orvo_core::Embedding query, orvo_core::Embeddings rows)
-      : query_(std::move(query)), rows_(std::move(rows)) {}
-
-  orvo_core::Awaitable<orvo_core::Embedding> invoke(std::string /*text*/) override {
-    co_return query_;
-  }
-  orvo_core::Awaitable<orvo_core::Embeddings> invoke(
-      std::vector<std::string_view> /*texts*/) override {
-    co_return rows_;
-  }
-
- private:
-  orvo_core::Embedding query_;
-  orvo_core::Embeddings rows_;
-};
-
 }  // namespace orvo_test
