@@ -3,11 +3,11 @@
 // Shared pieces of the fuzz targets: a byte reader, a builder of dynamic values, a UTF-8 check
 // and the failure report.
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -52,9 +52,7 @@ class Input {
  public:
   Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
 
-  [[nodiscard]] bool empty() const { return pos_ >= size_; }
-
-  std::uint8_t byte() { return empty() ? 0 : data_[pos_++]; }
+  std::uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
 
   bool flag() { return (byte() & 1) != 0; }
 
@@ -77,7 +75,6 @@ class Input {
 
   /// Everything not read yet.
   std::string_view rest() {
-    if (empty()) return {};
     std::string_view out(reinterpret_cast<const char*>(data_ + pos_), size_ - pos_);
     pos_ = size_;
     return out;
@@ -128,11 +125,8 @@ class ValueBuilder {
   /// otherwise leak: a value that holds itself is never freed by reference counting.
   ~ValueBuilder() {
     for (orvo_core::Any& c : done_) {
-      if (c.is_list()) {
-        c.as_list().clear();
-      } else {
-        c.as_map().clear();
-      }
+      if (c.is_list()) c.as_list().clear();
+      if (c.is_map()) c.as_map().clear();
     }
     for (const auto& chunk : chunks_) chunk->metadata.clear();
   }
@@ -166,14 +160,8 @@ class ValueBuilder {
         std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
         std::numeric_limits<double>::quiet_NaN()};
     // clang-format on
-    double d = 0;
-    if (in_.flag()) {
-      d = kSpecial[in_.below(std::size(kSpecial))];
-    } else {
-      const std::uint64_t bits = in_.u64();
-      std::memcpy(&d, &bits, sizeof d);
-    }
-    return d;
+    if (in_.flag()) return kSpecial[in_.below(std::size(kSpecial))];
+    return std::bit_cast<double>(in_.u64());
   }
 
   std::string string() {
@@ -202,13 +190,12 @@ class ValueBuilder {
       metadata.insert_or_assign(std::move(k), std::move(v));
     }
     std::string content = string();
-    const std::shared_ptr<orvo_core::Chunk> made =
+    const auto& made = chunks_.emplace_back(
         in_.below(4) == 0
             ? std::make_shared<DerivedChunk>(std::move(content), std::move(metadata))
-            : std::make_shared<orvo_core::Chunk>(std::move(content), std::move(metadata));
+            : std::make_shared<orvo_core::Chunk>(std::move(content), std::move(metadata)));
     if (in_.below(4) == 0) made->id = string();
     if (in_.below(4) == 0) made->score = floating();
-    chunks_.push_back(made);
     return made;
   }
 

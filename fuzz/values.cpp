@@ -47,7 +47,6 @@ void check_string(const std::string& s) {
                     "at byte " + std::to_string(at) + " of " + escaped(s));
   }
   ORVO_FUZZ_CHECK(orvo_core::length(Any(s)) == steps, escaped(s));
-  ORVO_FUZZ_CHECK(orvo_fuzz::valid_utf8(Any(s).repr()), escaped(s));
 
   // A reference event carries any bytes through printable ASCII and back.
   const std::string payload = orvo_generation::reference_formatter::reference_payload(s);
@@ -56,18 +55,10 @@ void check_string(const std::string& s) {
   ORVO_FUZZ_CHECK(orvo_core::parse_json(payload) == event, escaped(s) + " -> " + payload);
 }
 
-// Whether a parsed value (a tree: no sharing, no cycles) holds a float that is not finite.
-bool non_finite(const Any& v) {
-  if (v.is_float()) return !std::isfinite(v.as_float());
-  if (v.is_list()) return std::any_of(v.as_list().begin(), v.as_list().end(), non_finite);
-  if (!v.is_map()) return false;
-  return std::any_of(v.as_map().begin(), v.as_map().end(),
-                     [](const auto& entry) { return non_finite(entry.second); });
-}
-
 // Only ValueError may escape a parse; what parses writes back as printable ASCII that parses
 // to an equal value and writes again to the same text (floats keep their shortest form, maps
-// their order). Only a non-finite float cannot be written.
+// their order). Only a non-finite float ("1e999") cannot be written; that every one is refused
+// is the json unit test's to check.
 void check_json(const std::string& text) {
   Any value;
   try {
@@ -79,11 +70,12 @@ void check_json(const std::string& text) {
   try {
     written = orvo_core::to_json(value);
   } catch (const orvo_core::ValueError& e) {
-    ORVO_FUZZ_CHECK(non_finite(value), escaped(text) + ": " + e.what());
+    ORVO_FUZZ_CHECK(std::string_view(e.what()).starts_with("JSON cannot hold the float"),
+                    escaped(text) + ": " + e.what());
     return;
   }
   const std::string context = escaped(text) + " -> " + written;
-  ORVO_FUZZ_CHECK(!non_finite(value) && printable_ascii(written), context);
+  ORVO_FUZZ_CHECK(printable_ascii(written), context);
   const Any reparsed = orvo_core::parse_json(written);
   ORVO_FUZZ_CHECK(reparsed == value && orvo_core::to_json(reparsed) == written, context);
 }
@@ -102,19 +94,17 @@ std::vector<std::string> events(std::string_view body, std::optional<std::uint32
   std::vector<std::string> out;
   openai::EventStreamParser parser;
   std::minstd_rand cut(seed.value_or(1));
-  for (std::size_t i = 0; i < body.size();) {
+  for (std::size_t i = 0, n = 0; i < body.size(); i += n) {
     // Mostly short pieces, now and then a long one.
     const std::size_t x = cut();
-    const std::size_t n =
-        seed ? std::min<std::size_t>(x % 8 == 0 ? x % 64 : x % 4, body.size() - i) : body.size();
+    n = seed ? std::min<std::size_t>(x % 8 == 0 ? x % 64 : x % 4, body.size() - i) : body.size();
     parser.feed(body.substr(i, n), out);
-    i += n;
   }
   parser.finish(out);
   return out;
 }
 
-void check_replies(Input& in) {
+void check_replies(Input in) {
   const std::size_t count = in.below(6);
   const std::size_t sentinels = in.below(4);
   const auto status = static_cast<unsigned>(in.u64(2));
@@ -162,8 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string bytes(reinterpret_cast<const char*>(data), size);
   check_string(bytes);
   check_json(bytes);
-  Input reply(data, size);
-  check_replies(reply);
+  check_replies(Input(data, size));
 
   // Values of every kind; chunks whose metadata may hold the containers being built make
   // cycles through an object.
