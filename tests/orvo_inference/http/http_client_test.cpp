@@ -33,7 +33,6 @@ using orvo_inference::http::BodyObserver;
 using orvo_inference::http::ClientOptions;
 using orvo_inference::http::HttpClient;
 using orvo_inference::http::Request;
-using orvo_inference::http::Response;
 using orvo_test::LoopbackServer;
 using orvo_test::RecordedRequest;
 using orvo_test::Reply;
@@ -71,7 +70,7 @@ Awaitable<Outcome> attempt(std::shared_ptr<HttpClient> client, Request request,
   Outcome outcome;
   const auto start = std::chrono::steady_clock::now();
   try {
-    const Response response = co_await client->send(std::move(request), std::move(observer));
+    const auto response = co_await client->send(std::move(request), std::move(observer));
     outcome.result =
         std::to_string(response.status) + " " + response.content_type + " " + response.body;
   } catch (const std::exception& e) {
@@ -152,7 +151,6 @@ TEST(http_client, calls_in_turn_go_out_as_given_and_reuse_only_healthy_connectio
       {post("http://"), bad, 1},
       {post("http://127.0.0.1:65536/"), bad, 1},
       {post("http://user:" + std::string(secret) + "@127.0.0.1:" + port + "/"), bad, 1},
-      {post("http://[::1/"), bad, 1},
       {post(url + "/a b"), bad, 1},
       {{"DELETE", "http://localhost:" + port + "/by-name", {}, ""}, "200 application/json 7", 2},
   };
