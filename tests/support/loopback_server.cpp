@@ -99,11 +99,10 @@ asio::awaitable<void> LoopbackServer::serve(Stream socket, std::size_t index) {
     http::request<http::string_body> message;
     co_await http::async_read(socket, buffer, message, token);
     if (ec) co_return;
-    RecordedRequest request{std::string(message.method_string()),
-                            std::string(message.target()),
-                            {},
-                            std::move(message.body()),
-                            index};
+    RecordedRequest request{.method = std::string(message.method_string()),
+                            .target = std::string(message.target()),
+                            .body = std::move(message.body()),
+                            .connection = index};
     for (const auto& field : message) {
       request.headers.emplace_back(field.name_string(), field.value());
     }

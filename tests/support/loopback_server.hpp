@@ -26,7 +26,7 @@ namespace orvo_test {
 struct RecordedRequest {
   std::string method;
   std::string target;
-  std::vector<std::pair<std::string, std::string>> headers;  ///< In arrival order.
+  std::vector<std::pair<std::string, std::string>> headers{};  ///< In arrival order.
   std::string body;
   std::size_t connection = 0;  ///< Which accepted connection carried it, counting from 1.
 

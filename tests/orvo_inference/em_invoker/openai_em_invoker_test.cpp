@@ -6,7 +6,8 @@
 
 namespace {
 
-// Each text's vector is {its length}; the server lists the vectors in reverse order.
+// Each text's vector is {its length}; the server lists the vectors in reverse order. Without a
+// key no Authorization header goes out.
 TEST(openai_em_invoker, batches_and_restores_input_order) {
   orvo_test::LoopbackServer server([](const orvo_test::RecordedRequest& request) {
     return orvo_test::embeddings(
@@ -20,8 +21,8 @@ TEST(openai_em_invoker, batches_and_restores_input_order) {
   EXPECT_EQ(lengths, (std::vector<float>{1, 2, 3, 4, 5}));
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), 3U);
-  EXPECT_EQ(requests[0].target, "/v1/embeddings");
-  EXPECT_EQ(requests[2].body, R"({"model": "e1", "input": ["eeeee"]})");
+  EXPECT_EQ(requests[2].header("Authorization") + requests[2].target + " " + requests[2].body,
+            R"(/v1/embeddings {"model": "e1", "input": ["eeeee"]})");
   EXPECT_EQ(server.accepted_connections(), 1U) << "one connection serves every batch";
   EXPECT_TRUE(orvo_core::run_sync(invoker.invoke(std::vector<std::string_view>{})).empty());
 }

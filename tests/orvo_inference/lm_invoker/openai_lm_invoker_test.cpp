@@ -24,31 +24,18 @@ std::string chat_reply(const std::string& text) {
          orvo_core::to_json(Any(text)) + "}}]}";
 }
 
-// Without an emitter the reply comes whole. The caller's parameters go along, but the call
-// decides whether the reply streams.
-TEST(openai_lm_invoker, a_call_without_an_emitter_asks_for_the_whole_reply) {
-  LoopbackServer server([](const auto&) { return Reply::json(chat_reply("The moon.")); });
-  orvo_inference::OpenAILMInvoker invoker("m1", server.url() + "/v1/", "",
-                                          {{"temperature", 0.0}, {"stream", "overridden"}});
-  const std::vector<orvo_inference::ChatMessage> messages{{PromptRole::SYSTEM, Any("be brief")},
-                                                          {PromptRole::USER, Any("why?")}};
-  EXPECT_EQ(orvo_core::run_sync(invoker.invoke(messages)), "The moon.");
-  const auto request = server.requests().at(0);
-  EXPECT_EQ(request.target + " [" + request.header("Authorization") + "] " + request.body,
-            R"(/v1/chat/completions [] {"temperature": 0.0, "stream": false, "model": "m1", )"
-            R"("messages": [{"role": "system", "content": "be brief"}, )"
-            R"({"role": "user", "content": "why?"}]})");
-}
-
 // With an emitter each delta is emitted as it arrives, and a server that ignores streaming still
 // answers: even a large reply, which arrives in many pieces, is collected rather than scanned as
-// events. Servers echo the request; their text must not show the key nor drive a terminal either.
+// events; without one the reply is asked for whole. The caller's parameters go along, but the call
+// decides whether the reply streams. Servers echo the request; their text must not show the key
+// nor drive a terminal either.
 TEST(openai_lm_invoker, each_reply_ends_in_its_text_or_its_own_error) {
   const std::string large = "Whole" + std::string(std::size_t{3} << 19, '.');  // 1.5 MB
   const struct {
     Reply reply;
     std::string result;  // The text, or the start of the error.
     std::vector<std::string> emitted{};
+    bool stream = true;  // Called with an emitter.
   } cases[] = {
       {Reply::stream({"data: {\"choices\": [{\"delta\": {\"role\": \"assistant\"}}]}\n\n",
                       chat_delta("The"), chat_delta(" moon"), chat_delta("."),
@@ -56,6 +43,7 @@ TEST(openai_lm_invoker, each_reply_ends_in_its_text_or_its_own_error) {
                      60ms),
        "The moon.",
        {"The", " moon", "."}},
+      {Reply::json(chat_reply("The moon.")), "The moon.", {}, false},
       {Reply::json(chat_reply(large)), large, {large}},
       {Reply::json(R"({"choices": []})"),
        "MalformedReplyError: the chat reply has no choices[0].message.content"},
@@ -65,7 +53,6 @@ TEST(openai_lm_invoker, each_reply_ends_in_its_text_or_its_own_error) {
        "HttpStatusError: the server answered HTTP 404: model m1 not found"},
       {Reply::json(R"({"message": "nope"})", 404),
        "HttpStatusError: the server answered HTTP 404: nope"},
-      {Reply::json("", 404), "HttpStatusError: the server answered HTTP 404"},
       {Reply::json(R"({"error": "bad key Bearer sk-secret \u001b]0;pwned\u0007"})", 401),
        "HttpStatusError: the server answered HTTP 401: bad key Bearer [redacted] "
        "\\x1b]0;pwned\\x07"},
@@ -76,18 +63,21 @@ TEST(openai_lm_invoker, each_reply_ends_in_its_text_or_its_own_error) {
        "TruncatedReplyError: the reply stream ended before the server said it was complete",
        {"Half"}},
   };
-  const std::vector<orvo_inference::ChatMessage> question{{PromptRole::USER, Any("q")}};
+  const std::vector<orvo_inference::ChatMessage> messages{{PromptRole::SYSTEM, Any("be brief")},
+                                                          {PromptRole::USER, Any("why?")}};
   for (const auto& c : cases) {
     LoopbackServer server([&c](const auto&) { return c.reply; });
-    orvo_inference::OpenAILMInvoker invoker("m1", server.url() + "/v1/", "sk-secret");
+    orvo_inference::OpenAILMInvoker invoker("m1", server.url() + "/v1/", "sk-secret",
+                                            {{"temperature", 0.0}, {"stream", "overridden"}});
     const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
     Clock::time_point first_event;
     emitter->on_emit = [&first_event](const orvo_core::Event&) {
       if (first_event == Clock::time_point{}) first_event = Clock::now();
     };
     std::string text;
-    const std::string error =
-        orvo_test::error_of([&] { text = orvo_core::run_sync(invoker.invoke(question, emitter)); });
+    const std::string error = orvo_test::error_of([&] {
+      text = orvo_core::run_sync(invoker.invoke(messages, c.stream ? emitter : nullptr));
+    });
     const std::string result = error == "none" ? text : error;
     SCOPED_TRACE(c.result.substr(0, 80));
     EXPECT_TRUE(result.starts_with(c.result)) << result.substr(0, 200);
@@ -97,7 +87,12 @@ TEST(openai_lm_invoker, each_reply_ends_in_its_text_or_its_own_error) {
     if (c.reply.delay > 0ms) {
       EXPECT_GT(Clock::now() - first_event, 100ms) << "each as it arrived";
     }
-    EXPECT_EQ(server.requests().at(0).header("Authorization"), "Bearer sk-secret");
+    const auto request = server.requests().at(0);
+    EXPECT_EQ(request.target + " [" + request.header("Authorization") + "] " + request.body,
+              R"(/v1/chat/completions [Bearer sk-secret] {"temperature": 0.0, "stream": )" +
+                  std::string(c.stream ? "true" : "false") +
+                  R"(, "model": "m1", "messages": [{"role": "system", "content": "be brief"}, )"
+                  R"({"role": "user", "content": "why?"}]})");
   }
 }
 

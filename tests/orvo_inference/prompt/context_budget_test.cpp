@@ -14,6 +14,7 @@ using orvo_core::Any;
 using orvo_core::List;
 using orvo_inference::ContextBudget;
 
+// Dropping whole pieces shows in lm_request_processor's test too.
 TEST(context_budget, drops_or_cuts_the_lowest_ranked_pieces_first) {
   // Four code points make a token; the separator costs one.
   const List ranked{Any("aaaa"), Any(std::make_shared<orvo_core::Chunk>("bbbb bbb")), Any("cccc")};
@@ -27,7 +28,6 @@ TEST(context_budget, drops_or_cuts_the_lowest_ranked_pieces_first) {
     std::vector<std::size_t> dropped;
     bool truncated;
   } cases[] = {
-      {ranked, 4, drop, "aaaa\n\nbbbb bbb", {2}, false},
       {ranked, 3, truncate, "aaaa\n\nbbbb", {2}, true},
       {ranked, 2, truncate, "aaaa", {1, 2}, false},  // no room left after the separator
       {ranked, 0, drop, "", {0, 1, 2}, false},

@@ -28,20 +28,17 @@ std::string describe(const std::vector<orvo_inference::ChatMessage>& messages) {
   return out;
 }
 
-TEST(prompt_template, fills_placeholders_with_text_forms) {
+// Placeholders take the text forms of the variables; an empty system template sends no system
+// message.
+TEST(prompt_template, placeholders_history_and_multimodal_contents_become_messages_and_parts) {
   const PromptTemplate prompt("Use {context} ({n}) {{literal}}", "{query}");
-  EXPECT_EQ(describe(prompt.format(variables())),
-            "system: \"Use C (3) {literal}\"\nuser: \"Q?\"\n");
   EXPECT_EQ(prompt.variables(), (std::vector<std::string>{"context", "n", "query"}));
   EXPECT_EQ(describe(PromptTemplate("", "{query}").format(variables())), "user: \"Q?\"\n");
-}
-
-TEST(prompt_template, history_and_multimodal_contents_become_messages_and_parts) {
   const Any history(List{Any(List{Any("user"), Any("hello")}),
                          Any(Map{{"role", "assistant"}, {"content", "hi"}})});
   const Any images(List{Any("https://x/cat.png"), Any("note")});
-  EXPECT_EQ(describe(PromptTemplate("sys", "{query}").format(variables(), history, Any(), images)),
-            "system: \"sys\"\nuser: \"hello\"\nassistant: \"hi\"\n"
+  EXPECT_EQ(describe(prompt.format(variables(), history, Any(), images)),
+            "system: \"Use C (3) {literal}\"\nuser: \"hello\"\nassistant: \"hi\"\n"
             R"(user: [{"type": "text", "text": "Q?"}, )"
             R"({"type": "image_url", "image_url": {"url": "https://x/cat.png"}}, )"
             R"({"type": "text", "text": "note"}])"

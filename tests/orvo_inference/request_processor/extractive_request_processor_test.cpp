@@ -18,8 +18,9 @@ constexpr const char* kContext =
     "full moon. At those times the sun and moon pull in line.\n\n"
     "# Baking\nBread needs yeast.\n\n```\nOvens bake bread.\n```\nOvens bake bread and cakes.";
 
+// With an emitter the answer goes out word by word.
 TEST(extractive_request_processor, answers_with_what_the_question_asks_for_or_declines) {
-  const ExtractiveRequestProcessor processor(Task::answer);
+  ExtractiveRequestProcessor processor(Task::answer);
   const std::string_view no = ExtractiveRequestProcessor::kNoAnswer;
   const struct {
     std::string question;
@@ -46,16 +47,12 @@ TEST(extractive_request_processor, answers_with_what_the_question_asks_for_or_de
        "amphidromic point.\n\n# Other\nTides rise.",
        "Waves swing around a point where the range is zero. Such a point is called an "
        "amphidromic point."},
-      {"How do volcanoes erupt?", kContext, no},
       {"How do I hash a password with bcrypt?",
        "# Crypto\nA hash of a password is made with scrypt. Hash functions digest data.", no},
       {"anything", "", no},
   };
   for (const auto& c : cases) EXPECT_EQ(processor.answer(c.question, c.context), c.answer);
-}
 
-TEST(extractive_request_processor, streams_the_answer_word_by_word) {
-  ExtractiveRequestProcessor processor(Task::answer, 0.1, 1);
   const auto variables = std::make_shared<orvo_core::Map>(
       orvo_core::Map{{"query", "What do ovens bake?"}, {"context", kContext}});
   const auto emitter = std::make_shared<orvo_test::RecordingEmitter>();
