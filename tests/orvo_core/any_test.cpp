@@ -1,6 +1,5 @@
 #include "orvo_core/any.hpp"
 
-#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <memory>
