@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Writes generated values with python3's own str(), repr() and reference-event JSON of them,
-in the format that any_differential_test.cpp reads and describes."""
+"""Writes generated values with python3's own str(), repr(), reference-event JSON and JSON of
+them, in the format that any_differential_test.cpp reads and describes."""
 
 import json
 import math
@@ -26,10 +26,6 @@ def to_bytes(s):
 
 def from_bytes(b):
     return b.decode("utf-8", "surrogateescape")
-
-
-def is_surrogate(cp):
-    return 0xD800 <= cp <= 0xDFFF
 
 
 def float_bits(x):
@@ -58,7 +54,7 @@ def code_point():
     """Any code point but a surrogate, half of them in the BMP."""
     while True:
         cp = rng.randint(0x80, rng.choice([0xFFFF, MAX_CODE_POINT]))
-        if not is_surrogate(cp):
+        if not 0xD800 <= cp <= 0xDFFF:
             return chr(cp)
 
 
@@ -133,8 +129,7 @@ def value(depth=0):
 
 def special_values():
     """Strings that run the printable table and the invalid-byte handling end to end."""
-    every = "".join(chr(cp) for cp in range(MAX_CODE_POINT + 1) if not is_surrogate(cp))
-    yield every
+    yield "".join(chr(cp) for cp in range(MAX_CODE_POINT + 1) if not 0xD800 <= cp <= 0xDFFF)
     # Each byte 0x80..0xFF alone, so none of them can be part of a valid sequence.
     yield from_bytes(b"".join(bytes([b]) + b"." for b in range(0x80, 0x100)))
 
@@ -142,8 +137,12 @@ def special_values():
 def record(value):
     text = str(value)
     payload = json.dumps({"data_type": "reference", "data_value": text})
+    try:
+        written = json.dumps(value, allow_nan=False)
+    except ValueError:  # a float JSON has no number for, which the library refuses too
+        written = ""
     # ASCII only: bytes that are not UTF-8 are the \udc80..\udcff escapes the library reads back.
-    return json.dumps([tagged(value), text, repr(value), payload]) + "\n"
+    return json.dumps([tagged(value), text, repr(value), payload, written]) + "\n"
 
 
 def main():

@@ -12,8 +12,7 @@ using orvo_core::EventType;
 
 void handle(orvo_core::EventHandler& handler, std::string value, EventType type,
             EventLevel level = EventLevel::INFO) {
-  Event event{std::move(value), level, type};
-  orvo_core::run_sync(handler.handle(std::move(event)));
+  orvo_core::run_sync(handler.handle(Event{std::move(value), level, type}));
 }
 
 TEST(console_handler, streams_the_response_then_shows_reference_text) {

@@ -1,10 +1,8 @@
 #include "orvo_core/json.hpp"
 
 #include <bit>
-#include <cmath>
 #include <cstdint>
 #include <limits>
-#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -45,12 +43,9 @@ TEST(json, malformed_text_is_a_value_error_with_an_excerpt) {
 }
 
 TEST(json, nesting_up_to_the_limit_parses_and_writes_back) {
-  const auto nested = [](std::size_t depth) {
-    return std::string(depth, '[') + std::string(depth, ']');
-  };
-  const Any deepest = orvo_core::parse_json(nested(1000));
-  EXPECT_EQ(orvo_core::to_json(deepest), nested(1000));
-  EXPECT_THROW((void)orvo_core::parse_json(nested(1001)), orvo_core::ValueError);
+  const std::string deepest = std::string(1000, '[') + std::string(1000, ']');
+  EXPECT_EQ(orvo_core::to_json(orvo_core::parse_json(deepest)), deepest);
+  EXPECT_THROW((void)orvo_core::parse_json("[" + deepest + "]"), orvo_core::ValueError);
 }
 
 // The writer spells each byte that is not UTF-8 as \udc80..\udcff, and reading maps it back; the
@@ -71,7 +66,6 @@ TEST(json, lone_surrogate_escapes_of_bytes_read_back_as_those_bytes) {
 // The shortest forms python3 writes (extremes, signed zero and int64 bounds included) are the
 // differential test's; here the forms it never writes.
 TEST(json, numbers_read_as_the_nearest_double) {
-  constexpr double kInf = std::numeric_limits<double>::infinity();
   const struct {
     const char* json;
     double value;
@@ -80,7 +74,7 @@ TEST(json, numbers_read_as_the_nearest_double) {
       {"933907.1683960299", 933907.1683960299},
       {"2.4703282292062328e-324", 5e-324},
       // Beyond the doubles: infinity or a signed zero.
-      {"1.7976931348623159e308", kInf},
+      {"1.7976931348623159e308", std::numeric_limits<double>::infinity()},
       {"2.4703282292062327e-324", 0.0},
       // Integers beyond 64 bits.
       {"9223372036854775808", 9223372036854775808.0},
@@ -96,29 +90,8 @@ TEST(json, numbers_read_as_the_nearest_double) {
   EXPECT_TRUE(orvo_core::parse_json("-0").is_int());
 }
 
-TEST(json, every_written_float_reads_back_bit_for_bit) {
-  std::mt19937_64 random(20240611);
-  std::uniform_real_distribution<double> ordinary(-1e6, 1e6);
-  for (int i = 0; i < 200000; ++i) {
-    const double d = i % 2 == 0 ? std::bit_cast<double>(random()) : ordinary(random);
-    if (!std::isfinite(d)) continue;
-    const std::string json = orvo_core::to_json(Any(d));
-    const Any back = orvo_core::parse_json(json);
-    ASSERT_TRUE(back.is_float()) << json;
-    ASSERT_EQ(std::bit_cast<std::uint64_t>(back.as_float()), std::bit_cast<std::uint64_t>(d))
-        << json;
-  }
-}
-
-// Strings and maps are written as the differential test and fuzz reference_payload pin them.
-TEST(json, writes_in_the_hosts_default_style) {
-  const Any list(orvo_core::List{Any(1), Any(0.1), Any(1e16), Any(), Any(false)});
-  EXPECT_EQ(orvo_core::to_json(list), "[1, 0.1, 1e+16, null, false]");
-}
-
+// Floats JSON has no number for are the differential test's, nested anywhere in a value.
 TEST(json, values_without_a_json_form_are_refused) {
-  EXPECT_THROW((void)orvo_core::to_json(Any(std::numeric_limits<double>::infinity())),
-               orvo_core::ValueError);
   EXPECT_THROW((void)orvo_core::to_json(Any(std::make_shared<orvo_core::Chunk>())),
                orvo_core::TypeError);
   const Any cycle(orvo_core::List{});

@@ -31,7 +31,6 @@ class SimilarityTest(unittest.IsolatedAsyncioTestCase):
         similarity = SimilarityBasedReferenceFormatter(TableInvoker({}))
         judged = LMBasedReferenceFormatter(RecordingProcessor({"file_name": []}), "5")
         cases = [
-            (similarity, {}, ValueError, "`response` key of type `str`"),
             (similarity, {"response": "r", "chunks": (chunk("A"),)}, ValueError, "`chunks` key"),
             (judged, {"response": "r", "chunks": [chunk("A")]}, TypeError, ""),
             (SimilarityBasedReferenceFormatter(Failing()), {"response": "r", "chunks": [chunk("A")]},
@@ -74,9 +73,8 @@ class ReferenceToolsTest(unittest.IsolatedAsyncioTestCase):
         invoker = TableInvoker({"Élan moon.": [1.0, 0.0], "Cats.": [0.0, 1.0], "moon": [1.0, 0.0]})
         scored = await SimilarityBasedReferenceFormatter(invoker).score_chunks("r", [chunk("m", "moon")])
         attribution = await CitationAttributor(invoker).attribute("Élan moon. Cats.", scored)
-        self.assertEqual(attribution.text, "Élan moon [1]. Cats.")
-        self.assertEqual([s.begin for s in attribution.sentences], [0, 11])
-        self.assertEqual(attribution.unsupported, [1])
+        self.assertEqual((attribution.text, [s.begin for s in attribution.sentences], attribution.unsupported),
+                         ("Élan moon [1]. Cats.", [0, 11], [1]))
 
     def test_a_python_token_counter_caps_the_context(self):
         budget = ContextBudget(2, count_tokens=lambda text: len(text.split()))
@@ -87,9 +85,8 @@ class ReferenceToolsTest(unittest.IsolatedAsyncioTestCase):
 class ReadmeExample(unittest.TestCase):
     def test_the_python_example_prints_its_reference(self):
         readme = pathlib.Path(__file__).resolve().parents[2] / "README.md"
-        blocks = re.findall(r"```python\n(.*?)```", readme.read_text(encoding="utf-8"), re.S)
-        self.assertEqual(len(blocks), 1)
+        (example,) = re.findall(r"```python\n(.*?)```", readme.read_text(encoding="utf-8"), re.S)
         output = io.StringIO()
         with contextlib.redirect_stdout(output):
-            exec(compile(blocks[0], str(readme), "exec"), {"__name__": "readme"})
+            exec(compile(example, str(readme), "exec"), {"__name__": "readme"})
         self.assertEqual(output.getvalue(), "References:\n1. [Tides](tides.md)\n")
